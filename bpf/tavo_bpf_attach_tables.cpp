@@ -1,0 +1,54 @@
+// Which pinned programs each object attaches, to which hook, on which kernels.
+#include "service/tavo_bpf_service.h"
+
+namespace Tavo::Bpf {
+
+const BpfAttachTable TavoBpfService::PROG_EVENT_MAP = {
+    {"TavoBpfDefineset",
+     {
+         {0,
+          {
+              {"sched_sched_switch", "sched", "sched_switch", "5.0+"},
+              {"sched_sched_process_exit", "sched", "sched_process_exit", "5.0+"},
+              {"sched_sched_process_fork", "sched", "sched_process_fork", "5.0+"},
+              {"kmem_rss_stat", "kmem", "rss_stat", "5.0+"},
+          }},
+         {1, {{"enter_fd_install", "fd_install", "", "5.0+"}}},
+         {2, {{"return_filp_close", "filp_close", "", "5.0+"}}},
+     }},
+};
+
+const BpfAttachTable TavoBpfService::PROG_GPL_EVENT_MAP = {
+    {"TavoBpfGplDefineset",
+     {
+         {0,
+          {
+              {"sched_sched_process_exit", "sched", "sched_process_exit", "5.0+"},
+              {"cgroup_cgroup_attach_task", "cgroup", "cgroup_attach_task", "5.0+"},
+          }},
+         {1,
+          {
+              {"enter_dma_buf_file_release0_6_1", "dma_buf_file_release", "", "6.1"},
+              {"enter_dma_buf_stats_setup0_6_1", "dma_buf_stats_setup", "", "6.1"},
+              {"enter_dma_buf_file_release0_6_6", "dma_buf_file_release", "", "6.6"},
+              {"enter_dma_buf_stats_setup0_6_6", "dma_buf_stats_setup", "", "6.6"},
+              {"enter_dma_buf_file_release_6_1", "dma_buf_file_release", "", "6.1"},
+              {"enter_dma_buf_file_release_6_6", "dma_buf_file_release", "", "6.6"},
+              {"enter_dma_buf_stats_setup_6_1", "dma_buf_stats_setup", "", "6.1"},
+              {"enter_dma_buf_stats_setup_6_6", "dma_buf_stats_setup", "", "6.6"},
+              {"enter_dma_buf_attach_6_1", "dma_buf_attach", "", "6.1"},
+              {"enter_dma_buf_attach_6_6", "dma_buf_attach", "", "6.6"},
+              {"enter_dma_buf_detach_6_1", "dma_buf_detach", "", "6.1"},
+              {"enter_dma_buf_detach_6_6", "dma_buf_detach", "", "6.6"},
+              {"enter_dma_buf_vmap_6_1", "dma_buf_vmap", "", "6.1"},
+              {"enter_dma_buf_vmap_6_6", "dma_buf_vmap", "", "6.6"},
+              {"enter_dma_buf_vunmap_6_1", "dma_buf_vunmap", "", "6.1"},
+              {"enter_dma_buf_vunmap_6_6", "dma_buf_vunmap", "", "6.6"},
+              {"enter_dma_buf_mmap_internal_6_1", "dma_buf_mmap_internal", "", "6.1"},
+              {"enter_dma_buf_mmap_internal_6_6", "dma_buf_mmap_internal", "", "6.6"},
+              {"enter___vm_munmap", "__vm_munmap", "", "6.1-6.6"},
+          }},
+     }},
+};
+
+}  // namespace Tavo::Bpf

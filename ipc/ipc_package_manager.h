@@ -1,0 +1,57 @@
+// One connection's queue of outgoing packages.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+
+#include "ipc/ipc_buffer_state.h"
+#include "ipc/ipc_package.h"
+#include "util/tavo_export.h"
+
+class TAVO_EXPORT IpcPackageManager {
+ public:
+  // Most payload bytes one queue holds; past it new packages are refused,
+  // so a peer that stops reading cannot exhaust the process's memory.
+  static constexpr uint64_t kMaxQueuedBytes = 4u << 20;
+
+  IpcPackageManager();
+  ~IpcPackageManager();
+  IpcPackageManager(const IpcPackageManager&) = delete;
+  IpcPackageManager& operator=(const IpcPackageManager&) = delete;
+
+  // Command package: code (0..3), data length, data. False for a code above 3,
+  // a failed allocation or a full queue.
+  bool buildAndAppendSecondIpcPackage(uint32_t command, const char* data, uint64_t length);
+  // A ready payload whose command header the caller supplies.
+  bool buildAndAppendIpcPackage(const char* payload, uint64_t length);
+  bool appendReqIpcPackage(TavoReqIpcPackage* request);
+  bool appendRespIpcPackage(TavoRespIpcPackage* response);
+
+  // At most one package, strict fit test; true if one was written.
+  bool fillNextIpcPackageToBuffer(BufferState* buffer);
+  // As many as fit, non-strict fit test; true if the queue was not empty.
+  bool fillIpcPackageToBuffer(BufferState* buffer);
+
+  void waitEventReady(int milliseconds);
+  void notifyEventReady();
+  // A hint, read without the lock.
+  size_t getIpcPackageCount() const;
+  // Packages refused because the queue was full.
+  uint64_t getDroppedCount() const;
+  uint64_t getQueuedBytes() const;
+
+ private:
+  bool append(char* block, uint64_t length);
+  bool writeHead(BufferState* buffer, bool strict);
+
+  mutable std::mutex queueLock;
+  std::deque<TavoIpcPackage> queue;
+  std::condition_variable cond;
+  uint64_t queuedBytes = 0;
+  uint64_t droppedCount = 0;
+  int64_t lastDropWarning = 0;
+  std::atomic<size_t> count{0};
+};

@@ -1,0 +1,112 @@
+#include "state/tavo_bpf_state.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <mutex>
+
+#include "util/tavo_log.h"
+#include "util/tavo_strings.h"
+#include "util/tavo_time.h"
+
+namespace Tavo::Bpf {
+
+const char* const TavoBpfDataState::TAVOTASK_DUMP_PATH = "/data/tavolog/stability/tavobpfframework";
+const char* const TavoBpfDataState::TAVOTASK_DUMP_TEMPLATE =
+    "/data/tavolog/stability/tavobpfframework/bpfservice_state.csv";
+TavoBpfDataState* TavoBpfDataState::instance = nullptr;
+
+namespace {
+constexpr const char* kEventNames[] = {
+    "tavo_task_init",  "kmem_rss_info", "sched_task_create", "sched_task_exit",
+    "dmabuf_size_info", "cgroup_attach_cpuset_info", "fd_update_info", "dmabuf_setup",
+    "dmabuf_release", "dambuf_attach", "dmabuf_detach", "dmabuf_vmap",
+    "dmabuf_vunmap", "dmabuf_mmap", "dmabuf_munmap"};
+constexpr int kEventNameCount = sizeof(kEventNames) / sizeof(kEventNames[0]);
+}  // namespace
+
+TavoBpfDataState* TavoBpfDataState::GetInstance() {
+  static std::once_flag once;
+  std::call_once(once, [] { instance = new TavoBpfDataState(&GetSystemSecondsTime); });
+  return instance;
+}
+
+TavoBpfDataState::TavoBpfDataState(Clock clock) : clock(clock), lastTime(clock()) {
+  for (auto& slot : slots) {
+    for (auto& counter : slot) counter.store(0, std::memory_order_relaxed);
+  }
+}
+
+const char* TavoBpfDataState::EventName(int type) {
+  return type >= 0 && type < kEventNameCount ? kEventNames[type] : "UNKNOW";
+}
+
+uint32_t TavoBpfDataState::getCounter(int64_t slot, int type) const {
+  if (type < 0 || type >= kCounterCount || slot < 0) return 0;
+  return slots[slot % kSlotCount][type].load(std::memory_order_relaxed);
+}
+
+void TavoBpfDataState::RecordEvent(int type, int count) {
+  const int64_t now = clock();
+  if (type < 0 || type >= kCounterCount) return;
+  int64_t last = lastTime.load(std::memory_order_relaxed);
+  // Only the thread that wins the exchange moves the window; a clock that
+  // stepped back keeps counting into the current slot.
+  if (now > last && lastTime.compare_exchange_strong(last, now, std::memory_order_relaxed)) {
+    const int64_t current = currentIndex.load(std::memory_order_relaxed);
+    int64_t elapsed = now - last;
+    if (elapsed > kSlotCount) elapsed = kSlotCount;  // zeroing more than the ring is moot
+    const int64_t next = current + (now - last);
+    const int64_t oldest = oldestIndex.load(std::memory_order_relaxed);
+    if (next - oldest >= kSlotCount) {
+      oldestIndex.store(next - (kSlotCount - 1), std::memory_order_relaxed);
+    }
+    for (int64_t i = next - elapsed + 1; i <= next; ++i) {
+      for (auto& counter : slots[i % kSlotCount]) counter.store(0, std::memory_order_relaxed);
+    }
+    currentIndex.store(next, std::memory_order_relaxed);
+  }
+  const int64_t index = currentIndex.load(std::memory_order_relaxed);
+  slots[index % kSlotCount][type].fetch_add(static_cast<uint32_t>(count), std::memory_order_relaxed);
+}
+
+std::string TavoBpfDataState::FormatState() const {
+  const int64_t current = currentIndex.load(std::memory_order_relaxed);
+  const int64_t oldest = oldestIndex.load(std::memory_order_relaxed);
+  std::string out = "EventCount, ";
+  for (int i = 0; i < kEventNameCount; ++i) {
+    out += kEventNames[i];
+    out += ", ";
+  }
+  out += "PollCount, ";
+  out += StringPrintf("%lld, %lld \r\n", static_cast<long long>(current),
+                      static_cast<long long>(oldest));
+  for (int64_t slot = current; slot >= oldest; --slot) {
+    uint32_t values[kCounterCount];
+    int sum = 0;
+    for (int k = 0; k < kCounterCount; ++k) {
+      values[k] = slots[slot % kSlotCount][k].load(std::memory_order_relaxed);
+      if (k < kEventNameCount) sum += static_cast<int>(values[k]);
+    }
+    out += StringPrintf("%d, ", sum);
+    for (uint32_t value : values) out += StringPrintf("%d, ", static_cast<int>(value));
+    out += "\r\n";
+  }
+  return out;
+}
+
+void TavoBpfDataState::DumpState() {
+  mkdir(TAVOTASK_DUMP_PATH, 0775);
+  unlink(TAVOTASK_DUMP_TEMPLATE);
+  FILE* file = fopen(TAVOTASK_DUMP_TEMPLATE, "we");
+  if (file == nullptr) {
+    TAVO_LOGE(kUtilsTag, "[TavoBpfDataState][DumpState] open file failed!");
+    return;
+  }
+  const std::string text = FormatState();
+  fwrite(text.data(), 1, text.size(), file);
+  fclose(file);
+}
+
+}  // namespace Tavo::Bpf

@@ -1,0 +1,49 @@
+// Per-second counts of handled events and ring polls over the last 30 minutes.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+namespace Tavo::Bpf {
+
+class TavoBpfDataState {
+ public:
+  static constexpr int kSlotCount = 1800;
+  static constexpr int kCounterCount = 16;  // 15 event types and the poll count
+  static constexpr int kPollCounter = 15;
+  static const char* const TAVOTASK_DUMP_PATH;
+  static const char* const TAVOTASK_DUMP_TEMPLATE;
+
+  using Clock = int64_t (*)();
+
+  static TavoBpfDataState* GetInstance();
+
+  // The singleton reads GetSystemSecondsTime; tests pass their own clock.
+  explicit TavoBpfDataState(Clock clock);
+
+  void RecordEvent(int type, int count);
+  void DumpState();
+  // The CSV text that DumpState writes.
+  std::string FormatState() const;
+  static const char* EventName(int type);
+
+  int64_t getCurrentIndex() const { return currentIndex.load(std::memory_order_relaxed); }
+  int64_t getOldestIndex() const { return oldestIndex.load(std::memory_order_relaxed); }
+  uint32_t getCounter(int64_t slot, int type) const;
+
+ private:
+  Clock clock;
+  std::atomic<int64_t> lastTime;
+  std::atomic<int64_t> currentIndex{0};
+  std::atomic<int64_t> oldestIndex{0};
+  // Two pump threads record without a lock; relaxed atomics keep each
+  // addition whole without ordering cost.
+  std::atomic<uint32_t> slots[kSlotCount][kCounterCount];
+  static TavoBpfDataState* instance;
+};
+
+// Signal 50: asks for the counters to be written (see tavo_bpf_dump_requests).
+void DumpState(int signo);
+
+}  // namespace Tavo::Bpf

@@ -1,0 +1,124 @@
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <android-base/strings.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "include/tavo_bpf_service_main.h"
+#include "tests/support/log_capture.h"
+#include "util/tavo_time.h"
+
+using namespace Tavo::Bpf;
+
+namespace {
+
+constexpr const char* kDisable = "persist.sys.stability.bpfframework.disable";
+constexpr const char* kReady = "sys.tavo_bpf_ready";
+
+// The tid of this process's thread with the given name, or -1.
+int FindThread(const std::string& name) {
+  DIR* dir = opendir("/proc/self/task");
+  if (dir == nullptr) return -1;
+  int found = -1;
+  while (dirent* entry = readdir(dir)) {
+    std::string comm;
+    if (entry->d_name[0] == '.') continue;
+    if (android::base::ReadFileToString(std::string("/proc/self/task/") + entry->d_name + "/comm", &comm) &&
+        android::base::Trim(comm) == name) {
+      found = atoi(entry->d_name);
+      break;
+    }
+  }
+  closedir(dir);
+  return found;
+}
+
+template <typename Pred>
+bool WaitFor(Pred pred, int ms) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (pred()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return pred();
+}
+
+void StopAndJoin() {
+  TavoBpfService* service = TavoBpfService::GetInstance();
+  EXPECT_EQ(service->stop(), 0);
+  EXPECT_EQ(service->Wait(), 0);
+}
+
+}  // namespace
+
+TEST(Lifecycle, DisabledOnlyByExactlyOne) {
+  tavo_test::LogCapture log;
+  android::base::SetProperty(kDisable, "1");
+  EXPECT_EQ(BpfServiceMain(), 0);
+  EXPECT_EQ(log.Count("[BpfServiceMain] Starting TAVO Bpf Service disabled!", ANDROID_LOG_INFO), 1);
+  EXPECT_EQ(FindThread("BpfServicePoll"), -1);
+}
+
+class LifecycleEnabled : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(LifecycleEnabled, OtherValuesStartTheService) {
+  tavo_test::LogCapture log;
+  if (GetParam() != nullptr) android::base::SetProperty(kDisable, GetParam());
+  EXPECT_EQ(BpfServiceMain(), 1);
+  EXPECT_EQ(log.Count("[BpfServiceMain] Starting TAVO Bpf Service", ANDROID_LOG_INFO), 1);
+  EXPECT_TRUE(WaitFor([] { return FindThread("BpfServicePoll") > 0; }, 2000));
+  StopAndJoin();
+  EXPECT_EQ(FindThread("BpfServicePoll"), -1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, LifecycleEnabled,
+                         ::testing::Values(nullptr, "0", "true", "01", "1 ", ""));
+
+TEST(Lifecycle, PollThreadIsNamedAndPinned) {
+  ASSERT_EQ(BpfServiceMain(), 1);
+  int tid = -1;
+  ASSERT_TRUE(WaitFor([&] { return (tid = FindThread("BpfServicePoll")) > 0; }, 2000));
+  std::string status;
+  ASSERT_TRUE(android::base::ReadFileToString("/proc/self/task/" + std::to_string(tid) + "/status", &status));
+  cpu_set_t cpus;
+  ASSERT_EQ(sched_getaffinity(tid, sizeof(cpus), &cpus), 0);
+  for (int cpu = 3; cpu < CPU_SETSIZE; ++cpu) EXPECT_FALSE(CPU_ISSET(cpu, &cpus)) << cpu;
+  StopAndJoin();
+}
+
+TEST(Lifecycle, WaitsForReadinessInOneSecondSteps) {
+  android::base::SetProperty(kReady, "0");
+  __basetime = 0;
+  ASSERT_EQ(BpfServiceMain(), 1);
+  // The time base is set only once the loader said it is ready.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  EXPECT_EQ(GetBasetime(), 0);
+  const auto released = std::chrono::steady_clock::now();
+  android::base::SetProperty(kReady, "00");
+  EXPECT_TRUE(WaitFor([] { return GetBasetime() != 0; }, 2500));
+  EXPECT_LE(std::chrono::steady_clock::now() - released, std::chrono::milliseconds(1500));
+  StopAndJoin();
+}
+
+TEST(Lifecycle, StopWhileWaitingForReadinessEndsThePollThread) {
+  ASSERT_EQ(BpfServiceMain(), 1);
+  ASSERT_TRUE(WaitFor([] { return FindThread("BpfServicePoll") > 0; }, 2000));
+  const auto begin = std::chrono::steady_clock::now();
+  StopAndJoin();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+  EXPECT_EQ(FindThread("BpfServicePoll"), -1);
+}
+
+TEST(Lifecycle, WaitReturnsAtOnceWhenStopped) {
+  TavoBpfService* service = TavoBpfService::GetInstance();
+  EXPECT_EQ(service->Wait(), 0);
+  EXPECT_EQ(service->stop(), 0);
+  EXPECT_EQ(service->Wait(), 0);
+}

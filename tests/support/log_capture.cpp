@@ -1,0 +1,56 @@
+#include "tests/support/log_capture.h"
+
+#include <mutex>
+
+namespace tavo_test {
+
+namespace {
+std::mutex gLock;
+std::vector<LogLine>* gLines = nullptr;
+
+void CaptureLogger(const struct __android_logger_data* data, const char* message) {
+  {
+    std::lock_guard<std::mutex> guard(gLock);
+    if (gLines != nullptr) {
+      gLines->push_back(LogLine{data->priority, data->tag ? data->tag : "", message ? message : ""});
+    }
+  }
+  __android_log_stderr_logger(data, message);
+}
+}  // namespace
+
+LogCapture::LogCapture() {
+  std::lock_guard<std::mutex> guard(gLock);
+  delete gLines;
+  gLines = new std::vector<LogLine>();
+  __android_log_set_logger(CaptureLogger);
+}
+
+LogCapture::~LogCapture() {
+  std::lock_guard<std::mutex> guard(gLock);
+  __android_log_set_logger(__android_log_stderr_logger);
+  delete gLines;
+  gLines = nullptr;
+}
+
+std::vector<LogLine> LogCapture::Lines() const {
+  std::lock_guard<std::mutex> guard(gLock);
+  return gLines ? *gLines : std::vector<LogLine>();
+}
+
+int LogCapture::Count(const std::string& text, int priority) const {
+  std::lock_guard<std::mutex> guard(gLock);
+  int n = 0;
+  if (gLines == nullptr) return 0;
+  for (const auto& line : *gLines) {
+    if ((priority < 0 || line.priority == priority) && line.message.find(text) != std::string::npos) ++n;
+  }
+  return n;
+}
+
+void LogCapture::Clear() {
+  std::lock_guard<std::mutex> guard(gLock);
+  if (gLines) gLines->clear();
+}
+
+}  // namespace tavo_test

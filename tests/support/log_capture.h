@@ -1,0 +1,32 @@
+// Captures what the code under test logs through the Android log.
+#pragma once
+
+#include <android/log.h>
+
+#include <string>
+#include <vector>
+
+namespace tavo_test {
+
+struct LogLine {
+  int priority;
+  std::string tag;
+  std::string message;
+};
+
+// Installs a logger for its lifetime; lines still reach stderr.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<LogLine> Lines() const;
+  // Lines whose message contains text (optionally of one priority).
+  int Count(const std::string& text, int priority = -1) const;
+  bool Contains(const std::string& text) const { return Count(text) > 0; }
+  void Clear();
+};
+
+}  // namespace tavo_test

@@ -1,0 +1,47 @@
+// Minimal host: loads the library, sets properties, runs the service.
+//   tavo_host [--prop name=value]...
+#include <signal.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <android-base/properties.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "include/tavo_bpf_service_main.h"
+
+namespace {
+volatile sig_atomic_t gStop = 0;
+void OnSignal(int) { gStop = 1; }
+}  // namespace
+
+int main(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    if (strcmp(argv[i], "--prop") == 0 && i + 1 < argc) {
+      const std::string arg = argv[++i];
+      const size_t eq = arg.find('=');
+      if (eq == std::string::npos) {
+        fprintf(stderr, "tavo_host: --prop wants name=value\n");
+        return 2;
+      }
+      android::base::SetProperty(arg.substr(0, eq), arg.substr(eq + 1));
+    } else {
+      fprintf(stderr, "usage: tavo_host [--prop name=value]...\n");
+      return 2;
+    }
+  }
+  // Nobody sets the kernel version on a host; the version rules need it.
+  if (android::base::GetProperty("ro.kernel.version", "").empty()) {
+    utsname uts{};
+    if (uname(&uts) == 0) android::base::SetProperty("ro.kernel.version", uts.release);
+  }
+  if (Tavo::Bpf::BpfServiceMain() == 0) return 0;
+  signal(SIGINT, OnSignal);
+  signal(SIGTERM, OnSignal);
+  while (!gStop) pause();
+  auto* service = Tavo::Bpf::TavoBpfService::GetInstance();
+  service->stop();
+  return service->Wait();
+}
