@@ -3,13 +3,15 @@
 #include "task/tavo_bpf_task_manager.h"
 
 namespace Tavo::Bpf {
-std::mutex TavoTaskManager::tavoTaskManagerLock;
-TavoTaskManager* TavoTaskManager::instance = nullptr;
-TavoTaskManager* TavoTaskManager::GetInstance() { static TavoTaskManager m; return &m; }
 void TavoTaskManager::DumpTavoTaskInfo() {}
 void TavoTaskManager::DumpTavoTaskIgnoreKernelTaskInfo() {}
 void TavoTaskManager::DumpTavoTaskInfoNormal() {}
 void TavoTaskManager::DumpTavoTaskIgnoreKernelTaskInfoNormal() {}
+std::string TavoTaskManager::FormatDump(bool, bool) { return {}; }
+void TavoBpfService::initTaskInfo() {}
+int TavoBpfService::getProcessInfo(int, UpdateProcessExdata*) { return -1; }
+long TavoBpfService::GetFdSize(const std::string&) { return 0; }
+uint64_t TavoBpfService::GetFdInode(const std::string&) { return 0; }
 int TavoBpfService::handleTavoTaskInitEvent(char*, long) { return 0; }
 int TavoBpfService::handleSched_SchedProcessFork(char*, long) { return 0; }
 int TavoBpfService::handleSched_SchedProcessExit(char*, long) { return 0; }
