@@ -113,7 +113,7 @@ void Register(int32_t pid, uint32_t uid, const char* comm) {
   TavoTask task;
   task.pid = pid;
   task.uid = uid;
-  strncpy(task.comm, comm, sizeof(task.comm) - 1);
+  snprintf(task.comm, sizeof(task.comm), "%s", comm);
   std::lock_guard<std::mutex> guard(TavoTaskManager::tavoTaskManagerLock);
   TavoTaskManager::GetInstance()->AddTavoTask(pid, task);
 }
