@@ -21,6 +21,7 @@
 #include "service/tavo_bpf_service.h"
 #include "util/tavo_log.h"
 #include "util/tavo_strings.h"
+#include "util/tavo_time.h"
 
 namespace Tavo::Bpf {
 
@@ -146,6 +147,9 @@ int TavoBpfService::initDmabufBpfProg() {
     if (!IsProcessEntry(entry)) continue;
     const int32_t pid = atoi(entry->d_name);
     int64_t total = 0;
+    // An exit noted before this moment belongs to an earlier process with
+    // this pid and must not take the entries found now.
+    const uint64_t seenAt = static_cast<uint64_t>(GetSystemBootNanosencondsTime());
     DirPtr fds(opendir(StringPrintf(TASK_FD_TEMPLATE.c_str(), entry->d_name).c_str()));
     if (!fds) continue;
     while (const dirent* fd = readdir(fds.get())) {
@@ -160,6 +164,7 @@ int TavoBpfService::initDmabufBpfProg() {
       if (inode == 0) continue;
       // A second descriptor of a buffer does not raise the process's use.
       processDmabufRefs[pid].try_emplace(inode, 1);
+      processDmabufLastUseTs.insert_or_assign(pid, seenAt);
       dmabufSizes.insert_or_assign(inode, static_cast<uint64_t>(size));
       tavo_dmabuf_alloc_value allocation{};
       allocation.pid = pid;

@@ -22,10 +22,12 @@
 #include <vector>
 
 #include "bpf/tavo_bpf_records.h"
+#include "service/tavo_bpf_exit_queue.h"
 #include "service/tavo_bpf_service.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/service_peer.h"
 #include "tests/support/test_env.h"
+#include "util/tavo_time.h"
 
 using namespace Tavo::Bpf;
 using android::base::unique_fd;
@@ -157,6 +159,15 @@ TEST(DmabufSeed, TwoDescriptorsOfOneBufferCountTwiceButUseOnce) {
   EXPECT_EQ(TavoBpfServiceTestPeer::ProcessDmabufRefs(service),
             (std::map<int32_t, std::map<uint64_t, uint32_t>>{{4100, {{77, 1}, {78, 1}}}}));
   EXPECT_EQ(TavoBpfServiceTestPeer::DmabufSizes(service), (std::map<uint64_t, uint64_t>{{77, 4096}, {78, 100}}));
+
+  // An exit from before the scan leaves the seeded entries; a later one takes them.
+  NoteProcessExit(4100, 1);
+  EXPECT_EQ(service->reapExitedDmabufProcesses(), 0);
+  EXPECT_EQ(TavoBpfServiceTestPeer::ProcessDmabufTotals(service).count(4100), 1u);
+  NoteProcessExit(4100, static_cast<uint64_t>(GetSystemBootNanosencondsTime()));
+  EXPECT_EQ(service->reapExitedDmabufProcesses(), 1);
+  EXPECT_TRUE(TavoBpfServiceTestPeer::ProcessDmabufTotals(service).empty());
+  EXPECT_TRUE(TavoBpfServiceTestPeer::ProcessDmabufRefs(service).empty());
 }
 
 TEST(DmabufSeed, MissingMapFailsWithTheErrorLine) {
