@@ -92,9 +92,8 @@ int TavoBpfService::initFdBpfProg() {
   }
   DirPtr proc(opendir(PROC_FS_PATH.c_str()));
   if (!proc) return 0;
-  // One record for every process, never cleared: a name shorter than an
-  // earlier one keeps that name's tail after its terminator, as the kernel
-  // side has always been given it.
+  // One record for every process, never cleared between them: a name
+  // shorter than an earlier one keeps that name's tail.
   tavo_open_fd_value value{};
   std::string status;
   while (const dirent* entry = readdir(proc.get())) {
