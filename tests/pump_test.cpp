@@ -119,8 +119,6 @@ TEST_F(Pump, EnablesBitsThenDeliversRecordsUntilStopped) {
   tavo_test::LogCapture log;
   StartPump(0);
   EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 6);
-  EXPECT_GE(Peer::RingbufFd(service)[0].get(), 0);
-  EXPECT_GE(Peer::StatusFd(service)[0].get(), 0);
 
   for (int i = 0; i < 3; ++i) ForkOnce();
   EXPECT_TRUE(WaitFor([] { return Counted(TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO) >= 3; }));
@@ -129,8 +127,10 @@ TEST_F(Pump, EnablesBitsThenDeliversRecordsUntilStopped) {
   EXPECT_EQ(StopPump(), 0);
   EXPECT_EQ(log.Count("[TavoBpfService][eventMonitor] Stop Event Produce Thread...", ANDROID_LOG_WARN), 1);
   EXPECT_EQ(Counted(TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO), 4u);
-  // A stopped pump leaves the flags up.
+  // A stopped pump leaves the flags up and its descriptors open.
   EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 6);
+  EXPECT_GE(Peer::RingbufFd(service)[0].get(), 0);
+  EXPECT_GE(Peer::StatusFd(service)[0].get(), 0);
 }
 
 TEST_F(Pump, GplPumpRunsOnItsOwnMaps) {
@@ -138,9 +138,9 @@ TEST_F(Pump, GplPumpRunsOnItsOwnMaps) {
   StartPump(1);
   ForkOnce();
   EXPECT_TRUE(WaitFor([] { return Counted(TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO) >= 1; }));
+  EXPECT_EQ(StopPump(), 0);
   EXPECT_GE(Peer::StatusFd(service)[1].get(), 0);
   EXPECT_EQ(Peer::StatusFd(service)[0].get(), -1);
-  EXPECT_EQ(StopPump(), 0);
   EXPECT_EQ(log.Count("[TavoBpfService][gpleventMonitor] Stop GPL Event Produce Thread...", ANDROID_LOG_WARN), 1);
 }
 
