@@ -116,6 +116,7 @@ class Pump : public ::testing::Test {
 
 TEST_F(Pump, EnablesBitsThenDeliversRecordsUntilStopped) {
   object.SetStatus(TAVO_STATUS_FLAGS, kForeignBits);
+  ASSERT_TRUE(object.Attach("trace_flag_word"));
   tavo_test::LogCapture log;
   StartPump(0);
   EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 6);
@@ -123,6 +124,9 @@ TEST_F(Pump, EnablesBitsThenDeliversRecordsUntilStopped) {
   for (int i = 0; i < 3; ++i) ForkOnce();
   EXPECT_TRUE(WaitFor([] { return Counted(TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO) >= 3; }));
   EXPECT_GE(Counted(TavoBpfDataState::kPollCounter), 1u);
+  // Core first, on its own (the seeding runs then), normal after; the
+  // first status check after a poll meets the final word.
+  EXPECT_EQ(object.FlagTrace(), (std::vector<uint64_t>{kForeignBits, kForeignBits | 2, kForeignBits | 6}));
 
   EXPECT_EQ(StopPump(), 0);
   EXPECT_EQ(log.Count("[TavoBpfService][eventMonitor] Stop Event Produce Thread...", ANDROID_LOG_WARN), 1);

@@ -64,6 +64,41 @@ int fork_record(void *ctx) { return emit(); }
 SEC("tracepoint/syscalls/sys_enter_getppid")
 int getppid_record(void *ctx) { return emit(); }
 
+/*
+ * The distinct flag words that the pump thread's bpf() calls meet, in order:
+ * slot 0 counts, slots 1..8 hold the words. The test's main thread (tid ==
+ * tgid) is left out, so only the pump's own calls sample the word.
+ */
+#define FLAG_TRACE_SLOTS 8
+struct {
+  __uint(type, BPF_MAP_TYPE_ARRAY);
+  __uint(max_entries, FLAG_TRACE_SLOTS + 1);
+  __type(key, __u32);
+  __type(value, __u64);
+} flag_trace SEC(".maps");
+
+SEC("tracepoint/syscalls/sys_enter_bpf")
+int trace_flag_word(void *ctx) {
+  __u32 zero = 0;
+  __u64 id = bpf_get_current_pid_tgid();
+  struct test_config *cfg = bpf_map_lookup_elem(&test_config, &zero);
+  if (!cfg || cfg->tgid == 0 || (__s32)(id >> 32) != cfg->tgid || (__s32)id == cfg->tgid) return 0;
+  __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &zero);
+  __u64 *count = bpf_map_lookup_elem(&flag_trace, &zero);
+  if (!flags || !count || *count >= FLAG_TRACE_SLOTS) return 0;
+  __u32 n = (__u32)*count;
+  if (n > 0) {
+    __u64 *last = bpf_map_lookup_elem(&flag_trace, &n);
+    if (!last || *last == *flags) return 0;
+  }
+  __u32 slot = n + 1;
+  __u64 *entry = bpf_map_lookup_elem(&flag_trace, &slot);
+  if (!entry) return 0;
+  *entry = *flags;
+  *count = slot;
+  return 0;
+}
+
 /* Attach targets only; they do nothing. */
 SEC("tracepoint/sched/sched_switch")
 int noop_tracepoint(void *ctx) { return 0; }

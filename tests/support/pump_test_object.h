@@ -20,6 +20,7 @@ class PumpTestObject {
  public:
   PumpTestObject() = default;
   ~PumpTestObject() {
+    for (bpf_link* link : links) bpf_link__destroy(link);
     for (const std::string& path : pins) unlink(path.c_str());
     if (object != nullptr) bpf_object__close(object);
   }
@@ -47,6 +48,29 @@ class PumpTestObject {
   }
   bool PinMap(const char* name, const std::string& fileName) {
     return Remember(bpf_obj_pin(MapFd(name), (kTavoPinDir + fileName).c_str()), fileName);
+  }
+
+  // Attaches a program by its section name, for the object's lifetime.
+  bool Attach(const char* name) {
+    bpf_link* link = bpf_program__attach(Program(name));
+    if (link == nullptr) return false;
+    links.push_back(link);
+    return true;
+  }
+
+  // The distinct flag words the pump thread's bpf() calls met, in order.
+  std::vector<uint64_t> FlagTrace() const {
+    std::vector<uint64_t> words;
+    const int fd = MapFd("flag_trace");
+    uint32_t key = 0;
+    uint64_t count = 0;
+    bpf_map_lookup_elem(fd, &key, &count);
+    for (key = 1; key <= count; ++key) {
+      uint64_t word = 0;
+      bpf_map_lookup_elem(fd, &key, &word);
+      words.push_back(word);
+    }
+    return words;
   }
 
   // Pins the ring and the status map under one object's names.
@@ -83,6 +107,7 @@ class PumpTestObject {
 
   bpf_object* object = nullptr;
   std::vector<std::string> pins;
+  std::vector<bpf_link*> links;
 };
 
 }  // namespace tavo_test
