@@ -3,6 +3,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <android-base/properties.h>
+
 #include <atomic>
 #include <chrono>
 #include <ctime>
@@ -11,6 +13,7 @@
 
 #include "bpf/tavo_bpf_attach.h"
 #include "bpf/tavo_bpf_records.h"
+#include "include/tavo_bpf_service_main.h"
 #include "state/tavo_bpf_state.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/pump_test_object.h"
@@ -258,4 +261,32 @@ TEST_F(Pump, SixthPollFailureInARowEndsThePump) {
   EXPECT_EQ(log.Count("[TavoBpfService] handleEvent ERROR!!! Type: 99", ANDROID_LOG_ERROR), 6);
   EXPECT_EQ(log.Count("[TavoBpfService][eventMonitor] TAVOBPF: ret -1 .Error ring buf poll. ", ANDROID_LOG_ERROR), 6);
   EXPECT_EQ(log.Count("Stop Event Produce Thread", -1), 0);
+}
+
+// The whole path on this kernel: the service attaches the pinned programs of
+// the normal table, its pump raises the flags, a fork reaches the handler.
+TEST_F(Pump, ServiceAttachesAndPumpsEndToEnd) {
+  android::base::SetProperty("ro.kernel.version", "6.18.44");
+  android::base::SetProperty("sys.tavo_bpf_ready", "1");
+  for (const auto& row : TavoBpfService::PROG_EVENT_MAP.at(kNormal).at(0)) {
+    const char* program = row[0] == "sched_sched_process_fork" ? "fork_record" : "noop_tracepoint";
+    ASSERT_TRUE(object.PinProgram(program, std::string("prog_") + kNormal + "_tracepoint_" + row[0]));
+  }
+  ASSERT_TRUE(object.PinRingMaps(kNormal));
+  ASSERT_TRUE(object.Produce(TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO, getpid()));
+  tavo_test::LogCapture log;
+  ASSERT_EQ(BpfServiceMain(), 1);
+  ASSERT_TRUE(WaitFor([this] { return (object.Status(TAVO_STATUS_FLAGS) & 6) == 6; }));
+  ForkOnce();
+  EXPECT_TRUE(WaitFor([] { return Counted(TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO) >= 1; }));
+
+  service->stop();
+  EXPECT_TRUE(WaitFor([&log] {
+    ForkOnce();
+    return log.Count("[TavoBpfService][eventMonitor] Stop Event Produce Thread...", ANDROID_LOG_WARN) == 1;
+  }));
+  EXPECT_EQ(service->Wait(), 0);
+  // Only the two probe rows fail here; the GPL object is not pinned at all.
+  EXPECT_EQ(log.Count("[TavoBpfService][eventProduceThread] Attach all tavo bpf error: 2", ANDROID_LOG_ERROR), 1);
+  EXPECT_EQ(log.Count("[TavoBpfService][gpleventMonitor] TAVOBPF: get ringbuf failed: ", ANDROID_LOG_ERROR), 1);
 }
