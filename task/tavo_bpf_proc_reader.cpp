@@ -84,12 +84,32 @@ void ForEachLine(const char* text, const char* end, Fn fn) {
 }
 
 // A line matches a prefix that occurs anywhere in it; the value starts as
-// many characters after the line's start as the prefix is long.
-const char* MatchValue(const Line& line, const std::string& prefix) {
+// many characters after the line's start as the prefix is long. Returns the
+// index of the first prefix, in the given order, that matches, or -1.
+//
+// Every prefix that the readers use ends in ":\t", so instead of searching
+// the line once per prefix, each ":\t" in the line is found once and the
+// text before it compared with the prefixes. Others fall back to a search.
+int FirstMatch(const Line& line, const std::string* const* prefixes, int count) {
   const size_t len = static_cast<size_t>(line.end - line.begin);
-  if (len < prefix.size()) return nullptr;
-  if (memmem(line.begin, len, prefix.data(), prefix.size()) == nullptr) return nullptr;
-  return line.begin + prefix.size();
+  unsigned matched = 0;
+  for (int i = 0; i < count; ++i) {
+    const std::string& p = *prefixes[i];
+    if (p.size() < 2 || p.compare(p.size() - 2, 2, ":\t") != 0) {
+      if (len >= p.size() && memmem(line.begin, len, p.data(), p.size()) != nullptr) matched |= 1u << i;
+    }
+  }
+  for (const char* c = line.begin; c + 1 < line.end; ++c) {
+    c = static_cast<const char*>(memchr(c, ':', static_cast<size_t>(line.end - c)));
+    if (c == nullptr || c + 1 >= line.end) break;
+    if (c[1] != '\t') continue;
+    const size_t upTo = static_cast<size_t>(c + 2 - line.begin);
+    for (int i = 0; i < count; ++i) {
+      const std::string& p = *prefixes[i];
+      if (p.size() <= upTo && memcmp(c + 2 - p.size(), p.data(), p.size()) == 0) matched |= 1u << i;
+    }
+  }
+  return matched == 0 ? -1 : __builtin_ctz(matched);
 }
 
 // Decimal conversion in the manner of strtoull, bounded by end: leading
@@ -145,23 +165,27 @@ void CopyComm(char* comm, const char* value, const char* end) {
   comm[TAVO_COMM_LEN - 1] = '\0';
 }
 
+const std::string* const kStatusPrefixes[] = {
+    &TavoBpfService::TASK_COMM_PREFIX,      &TavoBpfService::TASK_PPID_PREFIX,
+    &TavoBpfService::TASK_RSS_ANON_PREFIX,  &TavoBpfService::TASK_RSS_FILE_PREFIX,
+    &TavoBpfService::TASK_RSS_SHMEM_PREFIX, &TavoBpfService::TASK_VM_SWAP_PREFIX,
+    &TavoBpfService::TASK_PROC_UID_PREFIX,
+};
+enum StatusPrefix { kName, kPPid, kRssAnon, kRssFile, kRssShmem, kVmSwap, kUid, kStatusPrefixCount };
+
 void FillFromStatus(const ProcFileBuffer& file, tavo_task_init_event* record) {
   ForEachLine(file.begin(), file.end(), [record](const Line& line) {
-    const char* v;
-    if ((v = MatchValue(line, TavoBpfService::TASK_COMM_PREFIX)) != nullptr) {
-      CopyComm(record->comm, v, line.end);
-    } else if ((v = MatchValue(line, TavoBpfService::TASK_PPID_PREFIX)) != nullptr) {
-      record->ppid = ClampInt(ParseSigned(v, line.end));
-    } else if ((v = MatchValue(line, TavoBpfService::TASK_RSS_ANON_PREFIX)) != nullptr) {
-      record->rss_anon = KbToBytes(ParseSigned(v, line.end));
-    } else if ((v = MatchValue(line, TavoBpfService::TASK_RSS_FILE_PREFIX)) != nullptr) {
-      record->rss_file = KbToBytes(ParseSigned(v, line.end));
-    } else if ((v = MatchValue(line, TavoBpfService::TASK_RSS_SHMEM_PREFIX)) != nullptr) {
-      record->rss_shmem = KbToBytes(ParseSigned(v, line.end));
-    } else if ((v = MatchValue(line, TavoBpfService::TASK_VM_SWAP_PREFIX)) != nullptr) {
-      record->rss_swap = KbToBytes(ParseSigned(v, line.end));
-    } else if ((v = MatchValue(line, TavoBpfService::TASK_PROC_UID_PREFIX)) != nullptr) {
-      record->uid = static_cast<uint32_t>(ParseUnsigned(v, line.end));
+    const int which = FirstMatch(line, kStatusPrefixes, kStatusPrefixCount);
+    if (which < 0) return true;
+    const char* v = line.begin + kStatusPrefixes[which]->size();
+    switch (which) {
+      case kName: CopyComm(record->comm, v, line.end); break;
+      case kPPid: record->ppid = ClampInt(ParseSigned(v, line.end)); break;
+      case kRssAnon: record->rss_anon = KbToBytes(ParseSigned(v, line.end)); break;
+      case kRssFile: record->rss_file = KbToBytes(ParseSigned(v, line.end)); break;
+      case kRssShmem: record->rss_shmem = KbToBytes(ParseSigned(v, line.end)); break;
+      case kVmSwap: record->rss_swap = KbToBytes(ParseSigned(v, line.end)); break;
+      case kUid: record->uid = static_cast<uint32_t>(ParseUnsigned(v, line.end)); break;
     }
     return true;
   });
@@ -205,9 +229,9 @@ T ReadFdInfoValue(const std::string& path, const std::string& prefix, Parse pars
   }
   T result = 0;
   ForEachLine(file.begin(), file.end(), [&](const Line& line) {
-    const char* v = MatchValue(line, prefix);
-    if (v == nullptr) return true;
-    result = parse(v, line.end);
+    const std::string* const prefixes[] = {&prefix};
+    if (FirstMatch(line, prefixes, 1) < 0) return true;
+    result = parse(line.begin + prefix.size(), line.end);
     return false;
   });
   return result;
@@ -254,11 +278,12 @@ int TavoBpfService::getProcessInfo(int pid, UpdateProcessExdata* out) {
     return -1;
   }
   ForEachLine(file.begin(), file.end(), [out](const Line& line) {
-    const char* v;
-    if ((v = MatchValue(line, TASK_COMM_PREFIX)) != nullptr) {
-      CopyComm(out->comm, v, line.end);
-    } else if ((v = MatchValue(line, TASK_PPID_PREFIX)) != nullptr) {
-      out->ppid = ClampInt(ParseSigned(v, line.end));
+    // Name and parent only; the order of the status prefixes decides.
+    const int which = FirstMatch(line, kStatusPrefixes, kStatusPrefixCount);
+    if (which == kName) {
+      CopyComm(out->comm, line.begin + TASK_COMM_PREFIX.size(), line.end);
+    } else if (which == kPPid) {
+      out->ppid = ClampInt(ParseSigned(line.begin + TASK_PPID_PREFIX.size(), line.end));
     }
     return true;
   });

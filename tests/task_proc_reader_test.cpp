@@ -167,6 +167,9 @@ TEST(TaskProcReader, FdInfoValuesTolerateOddLines) {
       {"size:\tnope\nino:\t-\n", 0, 0},                           // no digits: 0, nothing thrown
       {"size:\t99999999999999999999999\n", LONG_MAX, 0},          // saturates
       {"size:\t1\nsize:\t2\n", 1, 0},                             // first match wins
+      // Matched anywhere in the line, value counted from the line's start.
+      {"xsize:\t5\n ino:\t42\n", 5, 42},
+      {"flags:\tsize:\t12\n", 0, 0},
   };
   const std::string path = testing::TempDir() + "tavo_fdinfo";
   for (const auto& c : cases) {
