@@ -233,8 +233,8 @@ TEST(TaskDump, SignalledDumpsDuringEventStreamLeaveWellFormedFile) {
     if (lines.size() >= 2 &&
         sscanf(lines[0].c_str(), "============ DUMP ALL TAVO TASKS INFO (count: %u, time: %lu) ============",
                &count, &when) == 2 &&
-        lines.size() == count + 2) {
-      break;
+        lines.size() == count + 2 && lines[1] + "\n" == kFullHeading) {
+      break;  // earlier requests may still be queued ahead of this one
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
