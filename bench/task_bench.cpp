@@ -7,8 +7,8 @@
 #include <malloc.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -69,12 +69,6 @@ void ClearRegistry() {
   TavoTaskManager::GetInstance()->Clear();
 }
 
-long VoluntarySwitches() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_nvcsw;
-}
-
 void PerThousandProcesses(benchmark::State& state, size_t processes) {
   state.counters["processes"] = static_cast<double>(processes);
   // Seconds per 1000 processes.
@@ -86,39 +80,66 @@ void PerThousandProcesses(benchmark::State& state, size_t processes) {
 }  // namespace
 
 // The floor: list /proc, open and read status and stat of every process.
-static void BM_ScanFloor(benchmark::State& state) {
+void ScanFloor() {
   char buf[4096];
   char path[300];
-  const long switches = VoluntarySwitches();
-  for (auto _ : state) {
-    DIR* dir = opendir("/proc");
-    while (const dirent* e = readdir(dir)) {
-      if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
-      snprintf(path, sizeof(path), "/proc/%s/status", e->d_name);
-      ReadWhole(path, buf, sizeof(buf));
-      snprintf(path, sizeof(path), "/proc/%s/stat", e->d_name);
-      ReadWhole(path, buf, sizeof(buf));
-    }
-    closedir(dir);
+  DIR* dir = opendir("/proc");
+  if (dir == nullptr) return;
+  while (const dirent* e = readdir(dir)) {
+    if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
+    snprintf(path, sizeof(path), "/proc/%s/status", e->d_name);
+    ReadWhole(path, buf, sizeof(buf));
+    snprintf(path, sizeof(path), "/proc/%s/stat", e->d_name);
+    ReadWhole(path, buf, sizeof(buf));
   }
-  state.counters["sleeps"] = benchmark::Counter(static_cast<double>(VoluntarySwitches() - switches), benchmark::Counter::kAvgIterations);
+  closedir(dir);
+}
+
+static void BM_ScanFloor(benchmark::State& state) {
+  for (auto _ : state) ScanFloor();
   PerThousandProcesses(state, CountProcesses());
 }
 BENCHMARK(BM_ScanFloor)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 
 static void BM_InitTaskInfo(benchmark::State& state) {
   TavoBpfService* service = TavoBpfService::GetInstance();
-  const long switches = VoluntarySwitches();
   for (auto _ : state) {
     state.PauseTiming();
     ClearRegistry();
     state.ResumeTiming();
     service->initTaskInfo();
   }
-  state.counters["sleeps"] = benchmark::Counter(static_cast<double>(VoluntarySwitches() - switches), benchmark::Counter::kAvgIterations);
   PerThousandProcesses(state, CountProcesses());
 }
 BENCHMARK(BM_InitTaskInfo)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+
+// The two alternated within each iteration, so that load from other work on
+// the machine falls on both alike; reports scan / floor for wall and CPU time.
+static void BM_ScanOverFloorRatio(benchmark::State& state) {
+  TavoBpfService* service = TavoBpfService::GetInstance();
+  double wall[2] = {0, 0}, cpu[2] = {0, 0};
+  auto now = [](clockid_t id) {
+    timespec ts{};
+    clock_gettime(id, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+  };
+  for (auto _ : state) {
+    for (int which = 0; which < 2; ++which) {
+      ClearRegistry();
+      const double w0 = now(CLOCK_MONOTONIC), c0 = now(CLOCK_PROCESS_CPUTIME_ID);
+      if (which == 0) {
+        ScanFloor();
+      } else {
+        service->initTaskInfo();
+      }
+      wall[which] += now(CLOCK_MONOTONIC) - w0;
+      cpu[which] += now(CLOCK_PROCESS_CPUTIME_ID) - c0;
+    }
+  }
+  state.counters["wall_ratio"] = wall[1] / wall[0];
+  state.counters["cpu_ratio"] = cpu[1] / cpu[0];
+}
+BENCHMARK(BM_ScanOverFloorRatio)->Unit(benchmark::kMillisecond)->MinTime(4.0)->UseRealTime();
 
 // A registered, settled process whose anonymous size keeps moving; about one
 // record in eight crosses the notice step (no subscribers).
