@@ -71,7 +71,13 @@ std::vector<char> Record(const Step& step) {
 
 void Apply(const Step& step) {
   if (step.type == kExit) {
-    NoteProcessExit(step.pid, step.ts);
+    // Through the process-exit handler, which hands the pid to the GPL side.
+    tavo_task_exit_event exit{};
+    exit.hdr.type = TAVO_EVENT_SCHED_TASK_EXIT;
+    exit.hdr.ts = step.ts;
+    exit.pid = step.pid;
+    exit.kind = TAVO_TASK_KIND_PROCESS;
+    ASSERT_EQ(TavoBpfService::handleBpfRingBuffEvent(nullptr, &exit, sizeof(exit)), 0);
     return;
   }
   auto bytes = Record(step);
