@@ -83,13 +83,7 @@ EpollManager::EpollManager(int size, int maxEvents, std::function<int()> startCa
                    CurrentAffinity(kDefaultName), timeoutMs) {}
 
 EpollManager::~EpollManager() {
-  {
-    std::lock_guard<std::mutex> guard(lock);
-    running = false;
-    if (controlFd >= 0) eventfd_write(controlFd, 1);
-  }
-  // A manager that never started has no thread to join.
-  if (loopThread.joinable()) loopThread.join();
+  join();
   free(events);
   events = nullptr;
   if (epollFd >= 0) close(epollFd);
@@ -112,6 +106,12 @@ void EpollManager::stop() {
   std::lock_guard<std::mutex> guard(lock);
   running = false;
   if (controlFd >= 0) eventfd_write(controlFd, 1);
+}
+
+void EpollManager::join() {
+  stop();
+  // A manager that never started has no thread to join.
+  if (loopThread.joinable() && loopThread.get_id() != std::this_thread::get_id()) loopThread.join();
 }
 
 bool EpollManager::waitStopRequest(int timeoutMs) {

@@ -40,6 +40,8 @@ class TAVO_EXPORT EpollManager {
 
   void start();
   void stop();
+  // stop(), then waits for the loop thread to end (if it was started).
+  void join();
   bool addMonitorFd(int fd, EpollCallback callbacks);
   bool delMonitorFd(int fd);
   bool notifyWriteEventReady(int fd);

@@ -115,7 +115,9 @@ void UnixIpcManager::init(bool withCpus, bool withName, cpu_set_t cpus, int epol
 }
 
 UnixIpcManager::~UnixIpcManager() {
-  // The loop thread goes first: it is the one touching buffers and sockets.
+  // The loop thread goes first: it is the one touching buffers and sockets,
+  // and it may still use the manager while it ends.
+  if (epollManager) epollManager->join();
   epollManager.reset();
   if (!clearAllBuffer()) {
     TAVO_LOGE(name, "[UnixIpcManager][~UnixIpcManager] Clear all buffer failed: %d, message: %s",
