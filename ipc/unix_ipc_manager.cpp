@@ -123,12 +123,14 @@ UnixIpcManager::~UnixIpcManager() {
     TAVO_LOGE(name, "[UnixIpcManager][~UnixIpcManager] Clear all buffer failed: %d, message: %s",
               errno, strerror(errno));
   }
+  // The listener first, so a peer that sees its connection end cannot
+  // reconnect to a server that is going away.
   const int own = socketFd.exchange(-1);
+  if (own >= 0) close(own);
   for (int fd : connections) {
     if (fd != own) close(fd);
   }
   connections.clear();
-  if (own >= 0) close(own);
 }
 
 void UnixIpcManager::start() {
@@ -210,15 +212,14 @@ bool UnixIpcManager::createServer() {
               strerror(errno));
     return false;
   }
-  socketFd = fd;
   EpollCallback callbacks;
   callbacks.readable = [this](epoll_event event) { return onServerReadableCallback(event); };
   callbacks.close = [this](epoll_event event) { return onServerCloseCallback(event); };
   if (!epollManager->addMonitorFd(fd, callbacks)) {
-    socketFd = -1;
     close(fd);
     return false;
   }
+  socketFd = fd;
   return true;
 }
 
@@ -235,7 +236,6 @@ bool UnixIpcManager::connect() {
     // Sleeps on the control descriptor, so stop() ends the wait at once.
     if (epollManager->waitStopRequest(kReconnectWaitMs)) return false;
   }
-  socketFd = fd;
   setSocketBuffers(fd);
   if (handlers.read && !allocateReadBufferForFd(fd)) {
     TAVO_LOGE(name,
@@ -261,10 +261,11 @@ bool UnixIpcManager::connect() {
       std::lock_guard<std::mutex> guard(bufferLock);
       connections.erase(fd);
     }
-    socketFd = -1;
     close(fd);
     return false;
   }
+  // Published once registered, so a user may ask for write readiness on it.
+  socketFd = fd;
   return true;
 }
 

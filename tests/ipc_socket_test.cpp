@@ -188,6 +188,23 @@ TEST(UnixIpcManagerTest, WriteDataNowSendsFromCaller) {
   EXPECT_EQ(log.Count("[EpollManager][notifyWriteEventReady] the socket fd does not exist"), 1);
 }
 
+TEST(UnixIpcManagerTest, WriteDataNowRacesLoopWithoutLossOrReorder) {
+  Session s(SocketName());
+  std::string expected;
+  for (int i = 0; i < 3000; ++i) expected += Frame(3, "n" + std::to_string(i));
+  std::atomic<bool> done{false};
+  std::thread flusher([&] {
+    while (!done) s.server.ipc->writeDataNow(s.fd);
+  });
+  for (int i = 0; i < 3000; ++i) {
+    ASSERT_TRUE(s.server.Queue(s.fd, "n" + std::to_string(i)));
+    s.server.ipc->notifyNeedWriteData(s.fd);
+  }
+  EXPECT_EQ(s.peer->Recv(expected.size()), expected);
+  done = true;
+  flusher.join();
+}
+
 TEST(UnixIpcManagerTest, ClientManagerGetsReplyFromServerReadCallback) {
   Endpoint server(true, SocketName(), 32768, Endpoint::ReadMode::kEcho);
   server.ipc->start();
@@ -291,6 +308,7 @@ TEST(UnixIpcManagerTest, ClientReconnectsAfterServerLoss) {
   Endpoint client(false, SocketName());
   client.ipc->start();
   ASSERT_TRUE(WaitFor([&] { return server->Count(server->connected) == 1; }));
+  ASSERT_TRUE(WaitFor([&] { return client.ipc->getSocketFd() >= 0; }));
   const int first = client.ipc->getSocketFd();
 
   server.reset();  // closes the listener and every connection

@@ -19,16 +19,21 @@ void CaptureLogger(const struct __android_logger_data* data, const char* message
 }
 }  // namespace
 
+// The logger is swapped outside gLock: liblog holds its own lock while it
+// calls CaptureLogger, which takes gLock, so taking them the other way
+// round here could deadlock with a thread that is logging.
 LogCapture::LogCapture() {
-  std::lock_guard<std::mutex> guard(gLock);
-  delete gLines;
-  gLines = new std::vector<LogLine>();
+  {
+    std::lock_guard<std::mutex> guard(gLock);
+    delete gLines;
+    gLines = new std::vector<LogLine>();
+  }
   __android_log_set_logger(CaptureLogger);
 }
 
 LogCapture::~LogCapture() {
-  std::lock_guard<std::mutex> guard(gLock);
   __android_log_set_logger(__android_log_stderr_logger);
+  std::lock_guard<std::mutex> guard(gLock);
   delete gLines;
   gLines = nullptr;
 }
