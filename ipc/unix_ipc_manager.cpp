@@ -351,9 +351,10 @@ int UnixIpcManager::onServerCloseCallback(epoll_event event) {
   return result;
 }
 
-// The connection's end as seen from our side: unregister, close, free,
-// tell the user. Returns -2; `reconnect` asks the caller to connect again
-// (client mode, own connection) once it has let go of the write lock.
+// The connection's end as seen from our side: unregister, close, free.
+// Returns -2; the caller tells the user (close callback) and, when
+// `reconnect` is set (client mode, own connection), connects again, both
+// after it has let go of the write lock.
 int UnixIpcManager::closeConnection(int fd, bool& reconnect) {
   epollManager->delMonitorFd(fd);
   {
@@ -368,7 +369,6 @@ int UnixIpcManager::closeConnection(int fd, bool& reconnect) {
     TAVO_LOGE(name, "[UnixIpcManager][ServerCallback] free buffer failed: %d, message: %s", errno,
               strerror(errno));
   }
-  if (handlers.close) handlers.close(fd);
   if (!isServer && fd == socketFd) {
     socketFd = -1;
     reconnect = true;
@@ -384,6 +384,7 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
     WriteGuard guard(writeLockFor(fd));
     result = readLocked(fd, again);
   }
+  if (result == -2 && handlers.close) handlers.close(fd);
   if (again) reconnect();
   return result;
 }
@@ -496,12 +497,13 @@ int UnixIpcManager::onClientCloseCallback(epoll_event event) {
                 errno, strerror(errno));
       result = -1;
     }
-    if (handlers.close) handlers.close(fd);
     if (!isServer && fd == socketFd) {
       socketFd = -1;
       again = true;
     }
   }
+  // User callbacks that may take their own locks run without the write lock.
+  if (handlers.close) handlers.close(fd);
   if (again) {
     TAVO_LOGE(name, "[UnixIpcManager][onClientCloseCallback] Server socket abnormal close! (%s)",
               path.c_str());
