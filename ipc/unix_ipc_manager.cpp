@@ -152,6 +152,10 @@ void UnixIpcManager::stop() {
   if (epollManager) epollManager->stop();
 }
 
+void UnixIpcManager::join() {
+  if (epollManager) epollManager->join();
+}
+
 bool UnixIpcManager::notifyNeedWriteData(int fd) {
   return epollManager && epollManager->notifyWriteEventReady(fd);
 }

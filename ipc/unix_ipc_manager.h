@@ -47,6 +47,9 @@ class TAVO_EXPORT UnixIpcManager {
   virtual void start();
   virtual void stop();
   virtual ~UnixIpcManager();
+  // stop(), then waits for the loop thread to end. Call it holding no lock
+  // that a socket callback may take.
+  void join();
 
   bool notifyNeedWriteData(int fd);
   bool writeDataNow(int fd);
