@@ -406,6 +406,10 @@ int UnixIpcManager::readLocked(int fd, bool& again) {
     // Everything was consumed: start over at the front.
     receive->cursor = 0;
     receive->length = 0;
+  } else if (receive->length == receive->capacity) {
+    // Full, but part of it was consumed: make room rather than give up on
+    // a connection that is still making progress.
+    SaveUnuseBuffer(receive);
   }
   const int64_t room = receive->capacity - receive->length;
   if (room <= 0) {

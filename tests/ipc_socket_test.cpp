@@ -322,6 +322,24 @@ TEST(UnixIpcManagerTest, FullReceiveBufferClosesWithoutSpin) {
   EXPECT_LT(CpuOverOneSecond(tid), 200);
 }
 
+TEST(UnixIpcManagerTest, UncompactedBufferOutlivesItsSize) {
+  // saveUnusedBuffer off, 1 KiB buffer, 40 KiB of frames cut mid-frame.
+  Session s(SocketName(), 1024, Endpoint::ReadMode::kFrames, false);
+  std::string stream;
+  std::vector<std::string> want;
+  for (int i = 0; stream.size() < 40000; ++i) {
+    want.push_back(std::string(static_cast<size_t>(37 + i % 200), static_cast<char>('a' + i % 26)));
+    stream += Frame(0, want.back());
+  }
+  for (size_t at = 0; at < stream.size(); at += 333) {
+    ASSERT_TRUE(s.peer->Send(stream.substr(at, 333)));
+    if (at % 3330 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  ASSERT_TRUE(WaitFor([&] { return s.server.FramesOf(s.fd).size() == want.size(); }));
+  EXPECT_EQ(s.server.FramesOf(s.fd), want);
+  EXPECT_EQ(s.server.Count(s.server.closed), 0u);
+}
+
 TEST(UnixIpcManagerTest, ClientStartedBeforeServerConnectsOnRetry) {
   tavo_test::LogCapture log;
   Endpoint client(false, SocketName());
