@@ -243,14 +243,12 @@ bool UnixIpcManager::connect() {
   setSocketBuffers(fd);
   if (handlers.read && !allocateReadBufferForFd(fd)) {
     TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: "
-              "%d, message: %s",
+              "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: %d, message: %s",
               fd, errno, strerror(errno));
   }
   if (handlers.write && !allocateWriteBufferForFd(fd)) {
     TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: "
-              "%d, message: %s",
+              "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: %d, message: %s",
               fd, errno, strerror(errno));
   }
   EpollCallback callbacks = connectionCallbacks();
@@ -296,8 +294,7 @@ int UnixIpcManager::onServerReadableCallback(epoll_event event) {
     const int err = errno;
     close(fd);
     TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: "
-              "%d, message: %s",
+              "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: %d, message: %s",
               fd, err, strerror(err));
     return -1;
   }
@@ -306,8 +303,7 @@ int UnixIpcManager::onServerReadableCallback(epoll_event event) {
     close(fd);
     freeBufferForFd(fd);
     TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: "
-              "%d, message: %s",
+              "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: %d, message: %s",
               fd, err, strerror(err));
     return -1;
   }
@@ -520,13 +516,15 @@ int UnixIpcManager::onClientCloseCallback(epoll_event event) {
   return result;
 }
 
-bool UnixIpcManager::allocateBuffer(std::map<int, BufferState>& buffers, int fd,
-                                    const char* what) {
+bool UnixIpcManager::allocateBuffer(std::map<int, BufferState>& buffers, int fd, bool read) {
   const int64_t capacity = bufferSize > 0 ? bufferSize : 0;
   auto* data = static_cast<char*>(malloc(static_cast<size_t>(capacity > 0 ? capacity : 1)));
   if (data == nullptr) {
-    TAVO_LOGE(name, "[UnixIpcManager] Allocate %s buffer for fd(%d) failed: %d, message: %s", what,
-              fd, errno, strerror(errno));
+    if (read) {
+      TAVO_LOGE(name, "[UnixIpcManager] Allocate read buffer for fd(%d) failed: %d, message: %s", fd, errno, strerror(errno));
+    } else {
+      TAVO_LOGE(name, "[UnixIpcManager] Allocate write buffer for fd(%d) failed: %d, message: %s", fd, errno, strerror(errno));
+    }
     return false;
   }
   std::lock_guard<std::mutex> guard(bufferLock);
@@ -540,11 +538,11 @@ bool UnixIpcManager::allocateBuffer(std::map<int, BufferState>& buffers, int fd,
 }
 
 bool UnixIpcManager::allocateReadBufferForFd(int fd) {
-  return allocateBuffer(readBuffers, fd, "read");
+  return allocateBuffer(readBuffers, fd, true);
 }
 
 bool UnixIpcManager::allocateWriteBufferForFd(int fd) {
-  return allocateBuffer(writeBuffers, fd, "write");
+  return allocateBuffer(writeBuffers, fd, false);
 }
 
 bool UnixIpcManager::freeBufferForFd(int fd) {
@@ -577,8 +575,7 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer) {
     const ssize_t left = static_cast<ssize_t>(buffer->length - buffer->cursor);
     if (tries >= kMaxSendTries) {
       TAVO_LOGE(name,
-                "[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: "
-                "%s, clientFd: %d",
+                "[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: %s, clientFd: %d",
                 left, EAGAIN, strerror(EAGAIN), fd);
       errno = EAGAIN;
       return false;
@@ -601,8 +598,7 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer) {
     }
     if (err == EINTR) continue;
     TAVO_LOGE(name,
-              "[UnixIpcManager] Send data failed! leftSize: %zd, error: %d, message: %s, "
-              "clientFd: %d",
+              "[UnixIpcManager] Send data failed! leftSize: %zd, error: %d, message: %s, clientFd: %d",
               left, err, strerror(err), fd);
     errno = err;
     return false;
