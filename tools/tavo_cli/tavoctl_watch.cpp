@@ -1,6 +1,7 @@
 // tavoctl watch: subscribe to event codes and print one line per event.
 #include <signal.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -98,6 +99,9 @@ int WatchCommand(int argc, char** argv) {
         const std::string line = json ? Tavo::Client::FormatEventJson(event, clock)
                                       : Tavo::Client::FormatEventText(event, clock);
         printf("%s\n", line.c_str());
+        // SIGPIPE is ignored process-wide by the socket layer; a reader that
+        // went away (| head) ends the watch like an interrupt.
+        if (ferror(stdout)) kill(getpid(), SIGTERM);
       },
       options);
   bool everConnected = false;
