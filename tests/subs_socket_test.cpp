@@ -1,6 +1,8 @@
 // The service over its real socket, with raw peers and the client library.
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -86,8 +88,8 @@ TEST(SubsSocket, TwoClientsReceiveInOrderAndUnsubscribeAndCloseTakeEffect) {
   TAVO_REQUIRE_ISOLATION();
   InProcessService service;
   ASSERT_TRUE(service.ok());
+  Collector ca, cb;  // outlive the clients that feed them
   TavoClient a(nullptr), b(nullptr);
-  Collector ca, cb;
   ca.Attach(a);
   cb.Attach(b);
   ASSERT_EQ(a.Connect(), 0);
@@ -158,6 +160,30 @@ TEST(SubsSocket, ClientLibraryDecodesAndReportsRefusalsAndAbsentService) {
   EXPECT_EQ(error->length, 20u);
 }
 
+TEST(SubsSocket, ClientSubscribesAgainAfterLosingItsConnection) {
+  TAVO_REQUIRE_ISOLATION();
+  InProcessService service;
+  ASSERT_TRUE(service.ok());
+  std::atomic<int> ups{0}, downs{0};
+  Collector collected;
+  TavoClient client(nullptr);
+  collected.Attach(client);
+  client.SetConnectionCallback([&](bool up) { ++(up ? ups : downs); });
+  ASSERT_EQ(client.Connect(), 0);
+  ASSERT_EQ(client.Subscribe(4), 0);
+  const std::vector<int> before = EventManager::GetInstance()->GetEventObservers(4);
+  ASSERT_EQ(before.size(), 1u);
+  // The service side of the connection goes away under the client.
+  shutdown(before[0], SHUT_RDWR);
+  ASSERT_TRUE(WaitFor([&] { return downs == 1 && ups == 2; }, 5000));
+  // Records reach the client again once its renewed subscription is in.
+  EXPECT_TRUE(WaitFor([&] {
+    Inject(4, 32, 9);
+    return collected.Count() > 0;
+  }));
+  EXPECT_EQ(Subscribers(4), 1u);
+}
+
 TEST(SubsSocket, ClientThatNeverReadsIsBoundedAndOthersCarryOn) {
   TAVO_REQUIRE_ISOLATION();
   InProcessService service;
@@ -166,8 +192,8 @@ TEST(SubsSocket, ClientThatNeverReadsIsBoundedAndOthersCarryOn) {
   ASSERT_TRUE(stuck.ok());
   ASSERT_TRUE(stuck.Send(Register(1, 5)));
   EXPECT_EQ(stuck.Receive(28), Reply(1, 0));
-  TavoClient reader(nullptr);
   Collector collected;
+  TavoClient reader(nullptr);
   collected.Attach(reader);
   ASSERT_EQ(reader.Connect(), 0);
   ASSERT_EQ(reader.Subscribe(5), 0);

@@ -21,6 +21,7 @@
 
 #include "include/tavo_bpf_service_main.h"
 #include "service/tavo_bpf_service.h"
+#include "tests/support/service_peer.h"
 
 namespace subs_test {
 
@@ -109,6 +110,10 @@ class InProcessService {
     auto* service = Tavo::Bpf::TavoBpfService::GetInstance();
     service->stop();
     service->Wait();
+    // Wait() leaves the stopped socket thread unjoined (the singleton is
+    // never destroyed); destroying the manager joins it. Nothing may append
+    // events afterwards.
+    Tavo::Bpf::TavoBpfServiceTestPeer::IpcManager(service).reset();
   }
   bool ok() const { return listening; }
 
