@@ -77,9 +77,15 @@ pid_t FindServicePid(const std::string& path) {
       }
     }
   }
+  // A service in another network namespace serves another socket.
+  std::string ownNet;
+  android::base::Readlink("/proc/self/ns/net", &ownNet);
   for (pid_t pid : pids) {
+    std::string net;
+    const std::string base = "/proc/" + std::to_string(pid);
+    if (!ownNet.empty() && android::base::Readlink(base + "/ns/net", &net) && net != ownNet) continue;
     std::string comm;
-    if (!android::base::ReadFileToString("/proc/" + std::to_string(pid) + "/comm", &comm)) continue;
+    if (!android::base::ReadFileToString(base + "/comm", &comm)) continue;
     comm = android::base::Trim(comm);
     if (comm == "tavo_bpfd" || comm == "tavo_host") return pid;
   }

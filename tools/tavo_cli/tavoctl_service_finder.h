@@ -12,7 +12,7 @@ namespace Tavo::Cli {
 // them, "@" + path): the listening socket and the connections it accepted.
 std::set<unsigned long> SocketInodes(const std::string& unixTable, const std::string& path);
 // The process holding the service's socket; failing that, one named
-// tavo_bpfd or tavo_host. -1 when none is found.
+// tavo_bpfd or tavo_host in the same network namespace. -1 when none is found.
 pid_t FindServicePid(const std::string& path);
 
 }  // namespace Tavo::Cli
