@@ -155,6 +155,13 @@ int DumpCommand(int argc, char** argv) {
     if (Newer(now, before)) break;
   }
   if (polls == deadlinePolls) {
+    // The service installs its dump handlers only once its pumps run; before
+    // that the signal ends the process.
+    if (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+      fprintf(stderr, "tavoctl: process %ld ended on signal %d (no dump handler installed)\n", pid,
+              kind->signal);
+      return 1;
+    }
     fprintf(stderr, "tavoctl: process %ld wrote no %s within %ld s\n", pid, kind->file, timeoutSec);
     return 1;
   }
