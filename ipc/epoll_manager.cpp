@@ -156,10 +156,14 @@ bool EpollManager::delMonitorFd(int fd) {
 }
 
 // Caller holds the mutex.
-bool EpollManager::modifyWriteInterest(int fd, bool on, const char* who) {
+bool EpollManager::modifyWriteInterest(int fd, bool on) {
   auto it = callbacks.find(fd);
   if (it == callbacks.end()) {
-    TAVO_LOGE(name, "[EpollManager][%s] the socket fd does not exist", who);
+    if (on) {
+      TAVO_LOGE(name, "[EpollManager][notifyWriteEventReady] the socket fd does not exist");
+    } else {
+      TAVO_LOGE(name, "[EpollManager][markWriteEventFinish] the socket fd does not exist");
+    }
     return false;
   }
   EpollCallback& record = it->second;
@@ -175,8 +179,11 @@ bool EpollManager::modifyWriteInterest(int fd, bool on, const char* who) {
   event.events = mask;
   event.data.fd = fd;
   if (epoll_ctl(epollFd, EPOLL_CTL_MOD, fd, &event) != 0) {
-    TAVO_LOGE(name, "[EpollManager][%s] Epoll mod monitor failed, fd: %d, message: %s", who, fd,
-              strerror(errno));
+    if (on) {
+      TAVO_LOGE(name, "[EpollManager][notifyWriteEventReady] Epoll mod monitor failed, fd: %d, message: %s", fd, strerror(errno));
+    } else {
+      TAVO_LOGE(name, "[EpollManager][markWriteEventFinish] Epoll mod monitor failed, fd: %d, message: %s", fd, strerror(errno));
+    }
     return false;
   }
   record.events = mask;
@@ -186,12 +193,12 @@ bool EpollManager::modifyWriteInterest(int fd, bool on, const char* who) {
 
 bool EpollManager::notifyWriteEventReady(int fd) {
   std::lock_guard<std::mutex> guard(lock);
-  return modifyWriteInterest(fd, true, "notifyWriteEventReady");
+  return modifyWriteInterest(fd, true);
 }
 
 bool EpollManager::markWriteEventFinish(int fd) {
   std::lock_guard<std::mutex> guard(lock);
-  return modifyWriteInterest(fd, false, "markWriteEventFinish");
+  return modifyWriteInterest(fd, false);
 }
 
 // The writer said it is done; keep write readiness on if someone asked for
@@ -203,7 +210,7 @@ bool EpollManager::finishWriteUnlessRequested(int fd) {
     it->second.writeAgain = false;
     return true;
   }
-  return modifyWriteInterest(fd, false, "markWriteEventFinish");
+  return modifyWriteInterest(fd, false);
 }
 
 bool EpollManager::writeEventNow(int fd) {

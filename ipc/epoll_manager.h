@@ -72,6 +72,6 @@ class TAVO_EXPORT EpollManager {
   std::string nameStorage;
 
   bool finishWriteUnlessRequested(int fd);
-  bool modifyWriteInterest(int fd, bool on, const char* who);
+  bool modifyWriteInterest(int fd, bool on);
   void handleEvent(const epoll_event& event);
 };

@@ -123,12 +123,14 @@ UnixIpcManager::~UnixIpcManager() {
     TAVO_LOGE(name, "[UnixIpcManager][~UnixIpcManager] Clear all buffer failed: %d, message: %s",
               errno, strerror(errno));
   }
+  // The listener first, so a peer that sees its connection end cannot
+  // reconnect to a server that is going away.
   const int own = socketFd.exchange(-1);
+  if (own >= 0) close(own);
   for (int fd : connections) {
     if (fd != own) close(fd);
   }
   connections.clear();
-  if (own >= 0) close(own);
 }
 
 void UnixIpcManager::start() {
@@ -148,6 +150,10 @@ void UnixIpcManager::start() {
 void UnixIpcManager::stop() {
   TAVO_LOGI(name, "[UnixIpcManager][stop] Stop epoll Manager...");
   if (epollManager) epollManager->stop();
+}
+
+void UnixIpcManager::join() {
+  if (epollManager) epollManager->join();
 }
 
 bool UnixIpcManager::notifyNeedWriteData(int fd) {
@@ -210,15 +216,14 @@ bool UnixIpcManager::createServer() {
               strerror(errno));
     return false;
   }
-  socketFd = fd;
   EpollCallback callbacks;
   callbacks.readable = [this](epoll_event event) { return onServerReadableCallback(event); };
   callbacks.close = [this](epoll_event event) { return onServerCloseCallback(event); };
   if (!epollManager->addMonitorFd(fd, callbacks)) {
-    socketFd = -1;
     close(fd);
     return false;
   }
+  socketFd = fd;
   return true;
 }
 
@@ -235,18 +240,15 @@ bool UnixIpcManager::connect() {
     // Sleeps on the control descriptor, so stop() ends the wait at once.
     if (epollManager->waitStopRequest(kReconnectWaitMs)) return false;
   }
-  socketFd = fd;
   setSocketBuffers(fd);
   if (handlers.read && !allocateReadBufferForFd(fd)) {
     TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: "
-              "%d, message: %s",
+              "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: %d, message: %s",
               fd, errno, strerror(errno));
   }
   if (handlers.write && !allocateWriteBufferForFd(fd)) {
     TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: "
-              "%d, message: %s",
+              "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: %d, message: %s",
               fd, errno, strerror(errno));
   }
   EpollCallback callbacks = connectionCallbacks();
@@ -261,10 +263,11 @@ bool UnixIpcManager::connect() {
       std::lock_guard<std::mutex> guard(bufferLock);
       connections.erase(fd);
     }
-    socketFd = -1;
     close(fd);
     return false;
   }
+  // Published once registered, so a user may ask for write readiness on it.
+  socketFd = fd;
   return true;
 }
 
@@ -291,8 +294,7 @@ int UnixIpcManager::onServerReadableCallback(epoll_event event) {
     const int err = errno;
     close(fd);
     TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: "
-              "%d, message: %s",
+              "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: %d, message: %s",
               fd, err, strerror(err));
     return -1;
   }
@@ -301,8 +303,7 @@ int UnixIpcManager::onServerReadableCallback(epoll_event event) {
     close(fd);
     freeBufferForFd(fd);
     TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: "
-              "%d, message: %s",
+              "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: %d, message: %s",
               fd, err, strerror(err));
     return -1;
   }
@@ -350,9 +351,10 @@ int UnixIpcManager::onServerCloseCallback(epoll_event event) {
   return result;
 }
 
-// The connection's end as seen from our side: unregister, close, free,
-// tell the user. Returns -2; `reconnect` asks the caller to connect again
-// (client mode, own connection) once it has let go of the write lock.
+// The connection's end as seen from our side: unregister, close, free.
+// Returns -2; the caller tells the user (close callback) and, when
+// `reconnect` is set (client mode, own connection), connects again, both
+// after it has let go of the write lock.
 int UnixIpcManager::closeConnection(int fd, bool& reconnect) {
   epollManager->delMonitorFd(fd);
   {
@@ -367,7 +369,6 @@ int UnixIpcManager::closeConnection(int fd, bool& reconnect) {
     TAVO_LOGE(name, "[UnixIpcManager][ServerCallback] free buffer failed: %d, message: %s", errno,
               strerror(errno));
   }
-  if (handlers.close) handlers.close(fd);
   if (!isServer && fd == socketFd) {
     socketFd = -1;
     reconnect = true;
@@ -383,6 +384,7 @@ int UnixIpcManager::onClientReadableCallback(epoll_event event) {
     WriteGuard guard(writeLockFor(fd));
     result = readLocked(fd, again);
   }
+  if (result == -2 && handlers.close) handlers.close(fd);
   if (again) reconnect();
   return result;
 }
@@ -400,6 +402,10 @@ int UnixIpcManager::readLocked(int fd, bool& again) {
     // Everything was consumed: start over at the front.
     receive->cursor = 0;
     receive->length = 0;
+  } else if (receive->length == receive->capacity) {
+    // Full, but part of it was consumed: make room rather than give up on
+    // a connection that is still making progress.
+    SaveUnuseBuffer(receive);
   }
   const int64_t room = receive->capacity - receive->length;
   if (room <= 0) {
@@ -495,12 +501,13 @@ int UnixIpcManager::onClientCloseCallback(epoll_event event) {
                 errno, strerror(errno));
       result = -1;
     }
-    if (handlers.close) handlers.close(fd);
     if (!isServer && fd == socketFd) {
       socketFd = -1;
       again = true;
     }
   }
+  // User callbacks that may take their own locks run without the write lock.
+  if (handlers.close) handlers.close(fd);
   if (again) {
     TAVO_LOGE(name, "[UnixIpcManager][onClientCloseCallback] Server socket abnormal close! (%s)",
               path.c_str());
@@ -509,13 +516,15 @@ int UnixIpcManager::onClientCloseCallback(epoll_event event) {
   return result;
 }
 
-bool UnixIpcManager::allocateBuffer(std::map<int, BufferState>& buffers, int fd,
-                                    const char* what) {
+bool UnixIpcManager::allocateBuffer(std::map<int, BufferState>& buffers, int fd, bool read) {
   const int64_t capacity = bufferSize > 0 ? bufferSize : 0;
   auto* data = static_cast<char*>(malloc(static_cast<size_t>(capacity > 0 ? capacity : 1)));
   if (data == nullptr) {
-    TAVO_LOGE(name, "[UnixIpcManager] Allocate %s buffer for fd(%d) failed: %d, message: %s", what,
-              fd, errno, strerror(errno));
+    if (read) {
+      TAVO_LOGE(name, "[UnixIpcManager] Allocate read buffer for fd(%d) failed: %d, message: %s", fd, errno, strerror(errno));
+    } else {
+      TAVO_LOGE(name, "[UnixIpcManager] Allocate write buffer for fd(%d) failed: %d, message: %s", fd, errno, strerror(errno));
+    }
     return false;
   }
   std::lock_guard<std::mutex> guard(bufferLock);
@@ -529,11 +538,11 @@ bool UnixIpcManager::allocateBuffer(std::map<int, BufferState>& buffers, int fd,
 }
 
 bool UnixIpcManager::allocateReadBufferForFd(int fd) {
-  return allocateBuffer(readBuffers, fd, "read");
+  return allocateBuffer(readBuffers, fd, true);
 }
 
 bool UnixIpcManager::allocateWriteBufferForFd(int fd) {
-  return allocateBuffer(writeBuffers, fd, "write");
+  return allocateBuffer(writeBuffers, fd, false);
 }
 
 bool UnixIpcManager::freeBufferForFd(int fd) {
@@ -566,8 +575,7 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer) {
     const ssize_t left = static_cast<ssize_t>(buffer->length - buffer->cursor);
     if (tries >= kMaxSendTries) {
       TAVO_LOGE(name,
-                "[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: "
-                "%s, clientFd: %d",
+                "[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: %s, clientFd: %d",
                 left, EAGAIN, strerror(EAGAIN), fd);
       errno = EAGAIN;
       return false;
@@ -590,8 +598,7 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer) {
     }
     if (err == EINTR) continue;
     TAVO_LOGE(name,
-              "[UnixIpcManager] Send data failed! leftSize: %zd, error: %d, message: %s, "
-              "clientFd: %d",
+              "[UnixIpcManager] Send data failed! leftSize: %zd, error: %d, message: %s, clientFd: %d",
               left, err, strerror(err), fd);
     errno = err;
     return false;

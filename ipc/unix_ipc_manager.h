@@ -47,6 +47,9 @@ class TAVO_EXPORT UnixIpcManager {
   virtual void start();
   virtual void stop();
   virtual ~UnixIpcManager();
+  // stop(), then waits for the loop thread to end. Call it holding no lock
+  // that a socket callback may take.
+  void join();
 
   bool notifyNeedWriteData(int fd);
   bool writeDataNow(int fd);
@@ -87,7 +90,7 @@ class TAVO_EXPORT UnixIpcManager {
   void init(bool withCpus, bool withName, cpu_set_t cpus, int epollSize, int maxEvents);
   std::mutex* writeLockFor(int fd);
   BufferState* findBuffer(std::map<int, BufferState>& buffers, int fd);
-  bool allocateBuffer(std::map<int, BufferState>& buffers, int fd, const char* what);
+  bool allocateBuffer(std::map<int, BufferState>& buffers, int fd, bool read);
   EpollCallback connectionCallbacks();
   void setSocketBuffers(int fd);
   int readLocked(int fd, bool& reconnect);

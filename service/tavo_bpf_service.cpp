@@ -161,7 +161,7 @@ int TavoBpfService::stop() {
 
 int TavoBpfService::Wait() {
   auto joinAll = [this] {
-    ipcManager->stop();
+    ipcManager->join();
     for (std::thread* handle : {&pollThread, &gplThread}) {
       std::thread thread;
       {

@@ -194,7 +194,12 @@ TEST(EpollManagerTest, HangUpCallsOnlyClose) {
   std::atomic<int> closes{0};
   std::atomic<int> reads{0};
   EpollCallback callbacks;
-  callbacks.readable = [&](epoll_event) { return ++reads, 0; };
+  callbacks.readable = [&](epoll_event event) {
+    char buf[16];
+    while (read(event.data.fd, buf, sizeof(buf)) > 0) {
+    }
+    return ++reads, 0;
+  };
   callbacks.close = [&](epoll_event event) {
     manager.delMonitorFd(event.data.fd);
     return ++closes, 0;

@@ -35,12 +35,13 @@ cpu_set_t AllCpus() {
 
 // One end (server or client) recording what it sees; sends what is queued.
 struct Endpoint {
-  enum class ReadMode { kFrames, kEcho, kNothing };
+  enum class ReadMode { kFrames, kEcho, kNothing, kEchoThenFail };
 
   Endpoint(bool server, const std::string& path, int bufferSize = 32768,
-           ReadMode mode = ReadMode::kFrames, bool saveUnused = true) {
+           ReadMode mode = ReadMode::kFrames, bool saveUnused = true, bool closeOnError = false) {
     IpcHandlerState handlers;
     handlers.saveUnusedBuffer = saveUnused;
+    handlers.closeOnError = closeOnError;
     handlers.read = [this, mode](int fd, BufferState* receive, BufferState* send) {
       if (mode == ReadMode::kNothing) return 0;
       int64_t header = 0;
@@ -48,7 +49,7 @@ struct Endpoint {
       while (CheckIpcPackageComplete(receive, header, body)) {
         std::string payload(receive->data + receive->cursor + header, static_cast<size_t>(body));
         receive->cursor += header + body;
-        if (mode == ReadMode::kEcho && send != nullptr) {
+        if ((mode == ReadMode::kEcho || mode == ReadMode::kEchoThenFail) && send != nullptr) {
           const std::string reply = Frame(3, "echo:" + payload.substr(8));
           memcpy(send->data + send->length, reply.data(), reply.size());
           send->length += static_cast<int64_t>(reply.size());
@@ -56,7 +57,7 @@ struct Endpoint {
         std::lock_guard<std::mutex> guard(lock);
         frames[fd].push_back(payload.substr(8));
       }
-      return 0;
+      return mode == ReadMode::kEchoThenFail ? -1 : 0;
     };
     handlers.write = [this](int fd, BufferState* send) {
       ++writeCalls;
@@ -117,8 +118,9 @@ struct Endpoint {
 // Starts a server and connects one raw peer, waiting for the accept.
 struct Session {
   explicit Session(const std::string& path, int bufferSize = 32768,
-                   Endpoint::ReadMode mode = Endpoint::ReadMode::kFrames, bool saveUnused = true)
-      : server(true, path, bufferSize, mode, saveUnused) {
+                   Endpoint::ReadMode mode = Endpoint::ReadMode::kFrames, bool saveUnused = true,
+                   bool closeOnError = false)
+      : server(true, path, bufferSize, mode, saveUnused, closeOnError) {
     server.ipc->start();
     WaitFor([&] { return server.ipc->getSocketFd() >= 0; });
     peer = std::make_unique<RawPeer>(path);
@@ -186,6 +188,57 @@ TEST(UnixIpcManagerTest, WriteDataNowSendsFromCaller) {
   EXPECT_EQ(s.peer->Recv(Frame(3, "now").size()), Frame(3, "now"));
   EXPECT_FALSE(s.server.ipc->writeDataNow(777));
   EXPECT_EQ(log.Count("[EpollManager][notifyWriteEventReady] the socket fd does not exist"), 1);
+}
+
+TEST(UnixIpcManagerTest, WriteDataNowRacesLoopWithoutLossOrReorder) {
+  Session s(SocketName());
+  std::string expected;
+  for (int i = 0; i < 3000; ++i) expected += Frame(3, "n" + std::to_string(i));
+  std::atomic<bool> done{false};
+  std::thread flusher([&] {
+    while (!done) s.server.ipc->writeDataNow(s.fd);
+  });
+  for (int i = 0; i < 3000; ++i) {
+    ASSERT_TRUE(s.server.Queue(s.fd, "n" + std::to_string(i)));
+    s.server.ipc->notifyNeedWriteData(s.fd);
+  }
+  EXPECT_EQ(s.peer->Recv(expected.size()), expected);
+  done = true;
+  flusher.join();
+}
+
+TEST(UnixIpcManagerTest, FailedReadCallbackClosesOnlyWhenAsked) {
+  for (bool closeOnError : {false, true}) {
+    tavo_test::LogCapture log;
+    Session s(SocketName() + (closeOnError ? "c" : "k"), 32768, Endpoint::ReadMode::kEchoThenFail,
+              true, closeOnError);
+    ASSERT_TRUE(s.peer->Send(Frame(0, "req")));
+    if (closeOnError) {
+      EXPECT_TRUE(s.peer->SeesEnd());
+      EXPECT_TRUE(WaitFor([&] { return s.server.Count(s.server.closed) == 1; }));
+    } else {
+      // Logged, still open, and the reply the callback left is sent.
+      EXPECT_EQ(s.peer->Recv(Frame(3, "echo:req").size()), Frame(3, "echo:req"));
+      EXPECT_EQ(s.server.Count(s.server.closed), 0u);
+    }
+    EXPECT_EQ(log.Count("[UnixIpcManager] Callback ipc read handler failed: ", ANDROID_LOG_ERROR), 1);
+  }
+}
+
+TEST(UnixIpcManagerTest, WriteCallbackResults) {
+  tavo_test::LogCapture log;
+  Session s(SocketName());
+  epoll_event event{};
+  event.data.fd = s.fd;
+  EXPECT_EQ(s.server.ipc->onCommWriteCallback(event), -3);  // nothing queued, nothing added
+  ASSERT_TRUE(s.server.Queue(s.fd, "one"));
+  EXPECT_EQ(s.server.ipc->onCommWriteCallback(event), 0);  // sent, stays on
+  EXPECT_EQ(s.peer->Recv(Frame(3, "one").size()), Frame(3, "one"));
+  event.data.fd = 4321;
+  EXPECT_EQ(s.server.ipc->onCommWriteCallback(event), -1);
+  EXPECT_EQ(s.server.ipc->onClientReadableCallback(event), -1);
+  EXPECT_EQ(log.Count("[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(4321)!"), 1);
+  EXPECT_EQ(log.Count("[UnixIpcManager][ClientCallback] Not allocate read buffer for the fd(4321)!"), 1);
 }
 
 TEST(UnixIpcManagerTest, ClientManagerGetsReplyFromServerReadCallback) {
@@ -269,6 +322,24 @@ TEST(UnixIpcManagerTest, FullReceiveBufferClosesWithoutSpin) {
   EXPECT_LT(CpuOverOneSecond(tid), 200);
 }
 
+TEST(UnixIpcManagerTest, UncompactedBufferOutlivesItsSize) {
+  // saveUnusedBuffer off, 1 KiB buffer, 40 KiB of frames cut mid-frame.
+  Session s(SocketName(), 1024, Endpoint::ReadMode::kFrames, false);
+  std::string stream;
+  std::vector<std::string> want;
+  for (int i = 0; stream.size() < 40000; ++i) {
+    want.push_back(std::string(static_cast<size_t>(37 + i % 200), static_cast<char>('a' + i % 26)));
+    stream += Frame(0, want.back());
+  }
+  for (size_t at = 0; at < stream.size(); at += 333) {
+    ASSERT_TRUE(s.peer->Send(stream.substr(at, 333)));
+    if (at % 3330 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  ASSERT_TRUE(WaitFor([&] { return s.server.FramesOf(s.fd).size() == want.size(); }));
+  EXPECT_EQ(s.server.FramesOf(s.fd), want);
+  EXPECT_EQ(s.server.Count(s.server.closed), 0u);
+}
+
 TEST(UnixIpcManagerTest, ClientStartedBeforeServerConnectsOnRetry) {
   tavo_test::LogCapture log;
   Endpoint client(false, SocketName());
@@ -291,6 +362,7 @@ TEST(UnixIpcManagerTest, ClientReconnectsAfterServerLoss) {
   Endpoint client(false, SocketName());
   client.ipc->start();
   ASSERT_TRUE(WaitFor([&] { return server->Count(server->connected) == 1; }));
+  ASSERT_TRUE(WaitFor([&] { return client.ipc->getSocketFd() >= 0; }));
   const int first = client.ipc->getSocketFd();
 
   server.reset();  // closes the listener and every connection

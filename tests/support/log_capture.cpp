@@ -19,8 +19,9 @@ void CaptureLogger(const struct __android_logger_data* data, const char* message
 }
 }  // namespace
 
-// liblog calls the logger under its own lock, so ours is never held while
-// the logger is swapped.
+// The logger is swapped outside gLock: liblog holds its own lock while it
+// calls CaptureLogger, which takes gLock, so taking them the other way
+// round here could deadlock with a thread that is logging.
 LogCapture::LogCapture() {
   {
     std::lock_guard<std::mutex> guard(gLock);
