@@ -21,7 +21,6 @@
 
 #include "include/tavo_bpf_service_main.h"
 #include "service/tavo_bpf_service.h"
-#include "tests/support/service_peer.h"
 
 namespace subs_test {
 
@@ -109,11 +108,7 @@ class InProcessService {
   ~InProcessService() {
     auto* service = Tavo::Bpf::TavoBpfService::GetInstance();
     service->stop();
-    service->Wait();
-    // Wait() leaves the stopped socket thread unjoined (the singleton is
-    // never destroyed); destroying the manager joins it. Nothing may append
-    // events afterwards.
-    Tavo::Bpf::TavoBpfServiceTestPeer::IpcManager(service).reset();
+    service->Wait();  // joins the socket thread too
   }
   bool ok() const { return listening; }
 

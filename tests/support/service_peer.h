@@ -26,7 +26,6 @@ class TavoBpfServiceTestPeer {
   static int64_t* LastStatusCheck(TavoBpfService* s) { return s->lastStatusCheck; }
   static void SetRunning(TavoBpfService* s, bool value) { s->running = value; }
 
-  static std::unique_ptr<UnixIpcManager>& IpcManager(TavoBpfService* s) { return s->ipcManager; }
   static std::unique_ptr<IpcPackageHandler>& PackageHandler(TavoBpfService* s) { return s->packageHandler; }
 
   // Adds a client queue for a fake fd (as onClientLibConnection would).
