@@ -11,6 +11,7 @@
 #include "bpf/tavo_bpf_attach.h"
 #include "event/tavo_bpf_event_manager.h"
 #include "include/tavo_bpf_service_main.h"
+#include "service/tavo_bpf_dump_requests.h"
 #include "util/tavo_log.h"
 #include "util/tavo_properties.h"
 #include "util/tavo_time.h"
@@ -141,6 +142,10 @@ void TavoBpfService::launchThread(std::thread& handle, int (TavoBpfService::*bod
 }
 
 int TavoBpfService::start() {
+  // The pumps install these too; doing it here as well means a dump signal
+  // that arrives while the service still waits for the loader does not
+  // terminate the host (the default action of signals 50 to 54).
+  InstallDumpSignalHandlers();
   std::lock_guard<std::mutex> guard(servicelock);
   running = true;
   launchThread(pollThread, &TavoBpfService::eventProduceThread);
