@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <string>
 #include <thread>
 
 #include "util/tavo_export.h"
@@ -20,6 +21,10 @@ struct TAVO_EXPORT EpollCallback {
   EpollEventCallback writable;
   EpollEventCallback close;
   uint32_t events = 0;  // mask registered for the descriptor
+  // Set when write readiness is asked for while it is already on, so a
+  // writer that just reported "nothing left" does not turn it off under a
+  // producer that queued data meanwhile.
+  bool writeAgain = false;
 };
 
 class TAVO_EXPORT EpollManager {
@@ -35,6 +40,8 @@ class TAVO_EXPORT EpollManager {
 
   void start();
   void stop();
+  // stop(), then waits for the loop thread to end (if it was started).
+  void join();
   bool addMonitorFd(int fd, EpollCallback callbacks);
   bool delMonitorFd(int fd);
   bool notifyWriteEventReady(int fd);
@@ -43,6 +50,10 @@ class TAVO_EXPORT EpollManager {
   void mainThread();
 
   const char* getName() const { return name; }
+  // Waits up to timeoutMs for stop() (or destruction); true when asked to
+  // stop. Lets blocking start callbacks end with the manager.
+  bool waitStopRequest(int timeoutMs);
+  bool isRunning() const { return running.load(); }
 
  private:
   const char* name;
@@ -58,4 +69,9 @@ class TAVO_EXPORT EpollManager {
   std::map<int, EpollCallback> callbacks;
   std::function<int()> startCallback;
   cpu_set_t cpus;
+  std::string nameStorage;
+
+  bool finishWriteUnlessRequested(int fd);
+  bool modifyWriteInterest(int fd, bool on, const char* who);
+  void handleEvent(const epoll_event& event);
 };

@@ -9,7 +9,9 @@ bool CheckIpcPackageComplete(BufferState* buffer, int64_t& headerLength, int64_t
   // A negative length can never describe a frame; report it incomplete so
   // the cursor never moves backwards.
   if (bodyLength < 0) return false;
-  return buffer->cursor + kIpcFrameHeaderSize + bodyLength <= buffer->length;
+  // Compared against the bytes present so a huge length word cannot
+  // overflow the sum.
+  return bodyLength <= buffer->length - buffer->cursor - kIpcFrameHeaderSize;
 }
 
 void SaveUnuseBuffer(BufferState* buffer) {

@@ -16,6 +16,8 @@ class TAVO_EXPORT IpcPackageHandler {
 
   bool handleAllIpcPackageInBuffer(int fd, BufferState* receive, BufferState* send);
   int handleSecondIpcPackage(int fd, char* payload, long length, BufferState* send);
+  // Entries in the handler map, including the empty ones left by unknown codes.
+  size_t getHandlerCount() const { return handlers.size(); }
 
  private:
   std::map<uint32_t, IpcCommandHandler> handlers;

@@ -39,23 +39,27 @@ IpcPackageManager::~IpcPackageManager() {
   for (auto& package : queue) free(package.data);
 }
 
+bool IpcPackageManager::refuse(std::unique_lock<std::mutex>& guard) {
+  ++droppedCount;
+  const int64_t now = MonotonicSeconds();
+  const bool warn = now - lastDropWarning >= kDropWarningIntervalSec;
+  if (warn) lastDropWarning = now;
+  const uint64_t dropped = droppedCount;
+  guard.unlock();
+  if (warn) {
+    TAVO_LOGW(kTag, "[IpcPackageManager] queue full (%llu bytes), %llu packages refused so far",
+              static_cast<unsigned long long>(kMaxQueuedBytes),
+              static_cast<unsigned long long>(dropped));
+  }
+  return false;
+}
+
 bool IpcPackageManager::append(char* block, uint64_t length) {
   if (block == nullptr) return false;
   std::unique_lock<std::mutex> guard(queueLock);
-  if (queuedBytes + length > kMaxQueuedBytes) {
-    ++droppedCount;
-    const int64_t now = MonotonicSeconds();
-    const bool warn = now - lastDropWarning >= kDropWarningIntervalSec;
-    if (warn) lastDropWarning = now;
-    const uint64_t dropped = droppedCount;
-    guard.unlock();
+  if (length > kMaxQueuedBytes - queuedBytes) {
     free(block);
-    if (warn) {
-      TAVO_LOGW(kTag, "[IpcPackageManager] queue full (%llu bytes), %llu packages refused so far",
-                static_cast<unsigned long long>(kMaxQueuedBytes),
-                static_cast<unsigned long long>(dropped));
-    }
-    return false;
+    return refuse(guard);
   }
   queue.push_back(TavoIpcPackage{length, block});
   queuedBytes += length;
@@ -65,15 +69,24 @@ bool IpcPackageManager::append(char* block, uint64_t length) {
   return true;
 }
 
+// Refuses a payload that could never be queued before copying it, which
+// also keeps the size sums below from wrapping.
+bool IpcPackageManager::tooLarge() {
+  std::unique_lock<std::mutex> guard(queueLock);
+  return refuse(guard);
+}
+
 bool IpcPackageManager::buildAndAppendSecondIpcPackage(uint32_t command, const char* data,
                                                        uint64_t length) {
   if (command > IPC_COMMAND_MAX) return false;
+  if (length > kMaxQueuedBytes) return tooLarge();
   const auto inner = static_cast<uint32_t>(length);
   return append(BuildCommandBlock(command, inner, nullptr, 0, data, length),
                 length + kIpcCommandHeaderSize);
 }
 
 bool IpcPackageManager::buildAndAppendIpcPackage(const char* payload, uint64_t length) {
+  if (length > kMaxQueuedBytes) return tooLarge();
   auto* block = static_cast<char*>(malloc(length > 0 ? length : 1));
   if (block == nullptr) return false;
   if (length > 0) memcpy(block, payload, length);
@@ -83,6 +96,7 @@ bool IpcPackageManager::buildAndAppendIpcPackage(const char* payload, uint64_t l
 bool IpcPackageManager::appendReqIpcPackage(TavoReqIpcPackage* request) {
   constexpr size_t kFixed = 40;
   const uint64_t dataLen = request->dataLength;
+  if (dataLen > kMaxQueuedBytes) return tooLarge();
   return append(BuildCommandBlock(IPC_COMMAND_REQUEST, static_cast<uint32_t>(dataLen + kFixed),
                                   request, kFixed, request->data, dataLen),
                 dataLen + kFixed + kIpcCommandHeaderSize);
@@ -91,6 +105,7 @@ bool IpcPackageManager::appendReqIpcPackage(TavoReqIpcPackage* request) {
 bool IpcPackageManager::appendRespIpcPackage(TavoRespIpcPackage* response) {
   constexpr size_t kFixed = sizeof(TavoRespIpcPackage);
   const uint64_t dataLen = response->dataLength;
+  if (dataLen > kMaxQueuedBytes) return tooLarge();
   return append(BuildCommandBlock(IPC_COMMAND_RESPONSE, static_cast<uint32_t>(dataLen + kFixed),
                                   response, kFixed, response->data, dataLen),
                 dataLen + kFixed + kIpcCommandHeaderSize);

@@ -45,6 +45,9 @@ class TAVO_EXPORT IpcPackageManager {
 
  private:
   bool append(char* block, uint64_t length);
+  // Counts and (rate-limited) logs a refused package; always false.
+  bool refuse(std::unique_lock<std::mutex>& guard);
+  bool tooLarge();
   bool writeHead(BufferState* buffer, bool strict);
 
   mutable std::mutex queueLock;

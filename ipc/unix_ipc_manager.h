@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "ipc/epoll_manager.h"
@@ -78,4 +79,19 @@ class TAVO_EXPORT UnixIpcManager {
   int bufferSize;
   std::atomic<int> socketFd{-1};
   const char* name;
+  std::string nameStorage;
+  // Accepted connections still open (bufferLock), closed at destruction.
+  std::set<int> connections;
+
+ private:
+  void init(bool withCpus, bool withName, cpu_set_t cpus, int epollSize, int maxEvents);
+  std::mutex* writeLockFor(int fd);
+  BufferState* findBuffer(std::map<int, BufferState>& buffers, int fd);
+  bool allocateBuffer(std::map<int, BufferState>& buffers, int fd, const char* what);
+  EpollCallback connectionCallbacks();
+  void setSocketBuffers(int fd);
+  int readLocked(int fd, bool& reconnect);
+  int closeConnection(int fd, bool& reconnect);
+  int sendFailed(const epoll_event& event, int fd);
+  void reconnect();
 };
