@@ -1,0 +1,271 @@
+// Attaching the programs that the loader pinned, row by row, by kernel version.
+#include "bpf/tavo_bpf_attach.h"
+
+#include <bcc/libbpf.h>
+#include <dirent.h>
+
+#include <android-base/properties.h>
+#include <android-base/strings.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "bpf/tavo_bpf_attr_block.h"
+#include "util/tavo_log.h"
+#include "util/tavo_strings.h"
+
+namespace Tavo::Bpf {
+
+namespace {
+
+constexpr const char* kKernelVersionProperty = "ro.kernel.version";
+constexpr const char* kProgPrefix = "prog_";
+constexpr const char* kEventSuffix = "_tavobpf";
+
+// Logging may touch errno; callers report the errno of the failed call.
+#define TAVO_LOG_KEEP_ERRNO(level, ...) \
+  do {                                  \
+    const int savedErrno = errno;       \
+    level(kUtilsTag, __VA_ARGS__);      \
+    errno = savedErrno;                 \
+  } while (0)
+
+// Leading number of a version piece as strtol reads it; false without digits.
+bool ParseVersionPiece(const std::string& piece, long* out) {
+  const char* begin = piece.c_str();
+  char* end = nullptr;
+  errno = 0;
+  const long value = strtol(begin, &end, 10);
+  if (end == begin || errno == ERANGE) return false;
+  *out = value;
+  return true;
+}
+
+int AttachKProbe(int fd, bool isEntry, const std::string& progName, const std::string& functionName) {
+  const std::string eventName = progName + kEventSuffix;
+  return bpf_attach_kprobe(fd, isEntry ? BPF_PROBE_ENTRY : BPF_PROBE_RETURN, eventName.c_str(),
+                           functionName.c_str(), 0, 0);
+}
+
+}  // namespace
+
+int convertVersionToInt(const std::string& version) {
+  const std::vector<std::string> pieces = Split(version, ".");
+  long major = 0;
+  long minor = 0;
+  const int savedErrno = errno;
+  // A version without a minor part or without digits matches no rule but
+  // "N-" ones; 0 keeps such a kernel on the safe side of every "+" rule.
+  const bool parsed = pieces.size() >= 2 && ParseVersionPiece(pieces[0], &major) &&
+                      ParseVersionPiece(pieces[1], &minor);
+  errno = savedErrno;
+  if (!parsed) return 0;
+  const long long number = static_cast<long long>(major) * 1000 + minor;
+  if (number > INT_MAX || number < INT_MIN) return 0;
+  return static_cast<int>(number);
+}
+
+bool CheckBpfCompatibility(const std::string& kernelCompat) {
+  const int kernel = convertVersionToInt(android::base::GetProperty(kKernelVersionProperty, "0.0"));
+  if (kernelCompat.empty()) return kernel == convertVersionToInt(kernelCompat);
+  const char last = kernelCompat.back();
+  const std::string head = kernelCompat.substr(0, kernelCompat.size() - 1);
+  if (last == '-') return kernel <= convertVersionToInt(head);
+  if (last == '+') return kernel >= convertVersionToInt(head);
+  const size_t dash = kernelCompat.find('-');
+  if (dash != std::string::npos) {
+    if (kernel < convertVersionToInt(kernelCompat.substr(0, dash))) return false;
+    return kernel <= convertVersionToInt(kernelCompat.substr(dash + 1));
+  }
+  return kernel == convertVersionToInt(kernelCompat);
+}
+
+bool IsBpfProg(std::string& name) { return android::base::StartsWith(name, kProgPrefix); }
+
+int RetrieveProgramFd(const std::string& dir, const std::string& fileName) {
+  const std::string path = dir + "/" + fileName;
+  return BpfObjGetReadOnly(path.c_str());
+}
+
+int RetrieveProgramFd(const std::string& dir, const std::string& objName, const std::string& progType,
+                      const std::string& progName) {
+  // The directory keeps its trailing slash: "/sys/fs/bpf/tavo//prog_..." is
+  // the name the loader's pins are reached by.
+  const std::string path =
+      StringPrintf("%s/prog_%s_%s_%s", dir.c_str(), objName.c_str(), progType.c_str(), progName.c_str());
+  return BpfObjGetReadOnly(path.c_str());
+}
+
+int AttachTracepointProgram(const std::string& dir, const std::string& objName, const std::string& progName,
+                            const std::string& subSystem, const std::string& eventName) {
+  const int fd = RetrieveProgramFd(dir, objName, "tracepoint", progName);
+  if (fd < 0) {
+    TAVO_LOG_KEEP_ERRNO(TAVO_LOGE, "[AttachTracepointProgram] Retrieve tracepoint prog failed: %s",
+                        progName.c_str());
+    return -1;
+  }
+  return bpf_attach_tracepoint(fd, subSystem.c_str(), eventName.c_str());
+}
+
+int AttachTracepointProgram(const std::string& dir, const std::string& fileName, const std::string& subSystem,
+                            const std::string& eventName) {
+  const int fd = RetrieveProgramFd(dir, fileName);
+  if (fd < 0) {
+    TAVO_LOG_KEEP_ERRNO(TAVO_LOGE,
+                        "[AttachTracepointProgram] Retrieve tracepoint prog failed, subSystem: %s, eventName: %s",
+                        subSystem.c_str(), eventName.c_str());
+    return -1;
+  }
+  return bpf_attach_tracepoint(fd, subSystem.c_str(), eventName.c_str());
+}
+
+int AttachTracepointProgram(const std::string& dir, const std::string& objName, const std::string& progName) {
+  int fd = RetrieveProgramFd(dir, objName, "tracepoint", progName);
+  if (fd < 0) fd = RetrieveProgramFd(dir, objName);
+  if (fd < 0) {
+    TAVO_LOG_KEEP_ERRNO(TAVO_LOGE, "[AttachTracepointProgram] Retrieve tracepoint prog failed: %s",
+                        progName.c_str());
+    return -1;
+  }
+  const size_t underscore = progName.find('_');
+  const std::string subSystem = underscore == std::string::npos ? progName : progName.substr(0, underscore);
+  const std::string eventName = underscore == std::string::npos ? progName : progName.substr(underscore + 1);
+  return bpf_attach_tracepoint(fd, subSystem.c_str(), eventName.c_str());
+}
+
+int AttachKProbeProgram(const std::string& dir, const std::string& objName, const std::string& progName,
+                        const std::string& functionName, bool isEntry) {
+  const int fd = RetrieveProgramFd(dir, objName, isEntry ? "kprobe" : "kretprobe", progName);
+  if (fd < 0) {
+    if (isEntry) {
+      TAVO_LOG_KEEP_ERRNO(TAVO_LOGE, "[AttachKProbeProgram] Retrieve kprobe prog failed: %s, function: %s",
+                          progName.c_str(), functionName.c_str());
+    } else {
+      TAVO_LOG_KEEP_ERRNO(TAVO_LOGE, "[AttachKProbeProgram] Retrieve kretprobe prog failed: %s, function: %s",
+                          progName.c_str(), functionName.c_str());
+    }
+    return -1;
+  }
+  if (isEntry) {
+    TAVO_LOGI(kUtilsTag, "[AttachKProbeProgram] Attach kprobe prog: enter: progName: %s, functionName: %s",
+              progName.c_str(), functionName.c_str());
+  } else {
+    TAVO_LOGI(kUtilsTag, "[AttachKProbeProgram] Attach kretprobe prog: return: progName: %s, functionName: %s",
+              progName.c_str(), functionName.c_str());
+  }
+  return AttachKProbe(fd, isEntry, progName, functionName);
+}
+
+int AttachKProbeProgram(const std::string& dir, const std::string& objName, const std::string& progName) {
+  // Both kinds are pinned under the "kprobe" type word in this form.
+  const int fd = RetrieveProgramFd(dir, objName, "kprobe", progName);
+  if (fd < 0) {
+    TAVO_LOG_KEEP_ERRNO(TAVO_LOGE, "[AttachKProbeProgram] Retrieve kprobe prog failed: %s, prog: %s",
+                        progName.c_str(), objName.c_str());
+    return -1;
+  }
+  const size_t underscore = progName.find('_');
+  const std::string eventType = underscore == std::string::npos ? progName : progName.substr(0, underscore);
+  const std::string eventName = underscore == std::string::npos ? std::string() : progName.substr(underscore + 1);
+  if (eventType.find("enter") != std::string::npos) {
+    TAVO_LOGI(kUtilsTag, "[AttachKProbeProgram] Attach kprobe prog: enter: eventType: %s, eventName: %s",
+              eventType.c_str(), eventName.c_str());
+    return AttachKProbe(fd, true, progName, eventName);
+  }
+  if (eventType.find("return") != std::string::npos) {
+    TAVO_LOGI(kUtilsTag, "[AttachKProbeProgram] Attach kprobe prog: return: eventType: %s, eventName: %s",
+              eventType.c_str(), eventName.c_str());
+    return AttachKProbe(fd, false, progName, eventName);
+  }
+  TAVO_LOGE(kUtilsTag, "[AttachKProbeProgram] (UNKNOW TYPE) kprobe prog failed: %s, prog: %s", progName.c_str(),
+            objName.c_str());
+  errno = EINVAL;
+  return -1;
+}
+
+int AttachAllTavoBpfProgram(const std::string& dir, const BpfAttachTable& table) {
+  if (table.empty()) return 0;
+  int failures = 0;
+  for (const auto& [object, byType] : table) {
+    for (const auto& [type, rows] : byType) {
+      for (const BpfAttachRow& row : rows) {
+        if (row.size() != 4) {
+          TAVO_LOGE(kUtilsTag, "Error format!: %s", object.c_str());
+          continue;
+        }
+        if (!CheckBpfCompatibility(row[3])) {
+          TAVO_LOGW(kUtilsTag, "Skip bpf prog: %s, progName: %s, kernelCompat: %s", object.c_str(),
+                    row[0].c_str(), row[3].c_str());
+          continue;
+        }
+        TAVO_LOGI(kUtilsTag, "Attach bpf prog start: %s, progName: %s", object.c_str(), row[0].c_str());
+        switch (type) {
+          case 0:
+            if (AttachTracepointProgram(dir, object, row[0], row[1], row[2]) == -1) {
+              TAVO_LOGE(kUtilsTag, "Attach tracepoint prog failed: %s, type: %s, msg: %s", object.c_str(),
+                        row[0].c_str(), strerror(errno));
+              ++failures;
+            }
+            break;
+          case 1:
+            if (AttachKProbeProgram(dir, object, row[0], row[1], true) == -1) {
+              TAVO_LOGE(kUtilsTag, "Attach kprobe prog failed: %s, progname: %s, msg: %s", object.c_str(),
+                        row[0].c_str(), strerror(errno));
+              ++failures;
+            }
+            break;
+          case 2:
+            if (AttachKProbeProgram(dir, object, row[0], row[1], false) == -1) {
+              TAVO_LOGE(kUtilsTag, "Attach kretprobe prog failed: %s, progname: %s, msg: %s", object.c_str(),
+                        row[0].c_str(), strerror(errno));
+              ++failures;
+            }
+            break;
+          default:
+            TAVO_LOGE(kUtilsTag, "(UNKNOW TYPE) attach prog failed: %s, type: %s", object.c_str(),
+                      row[0].c_str());
+            break;
+        }
+      }
+    }
+  }
+  return failures;
+}
+
+int AttachAllTavoBpfProgram(const std::string& dir) {
+  std::unique_ptr<DIR, int (*)(DIR*)> handle(opendir(dir.c_str()), closedir);
+  if (!handle) return 0;
+  int failures = 0;
+  while (dirent* entry = readdir(handle.get())) {
+    std::string name = entry->d_name;
+    if (!IsBpfProg(name)) continue;
+    const std::vector<std::string> pieces = android::base::Split(name, "_");
+    if (pieces.size() < 4) continue;
+    const std::string& object = pieces[1];
+    const std::string& type = pieces[2];
+    const std::string progName =
+        android::base::Join(std::vector<std::string>(pieces.begin() + 3, pieces.end()), "_");
+    TAVO_LOGI(kUtilsTag, "Attach bpf prog (%s, type: %s) to %s", name.c_str(), type.c_str(), progName.c_str());
+    if (type == "tracepoint") {
+      if (AttachTracepointProgram(dir, object, progName) == -1 && errno != EEXIST) {
+        TAVO_LOGE(kUtilsTag, "Attach tracepoint prog failed: %s, type: %s, msg: %s", name.c_str(), type.c_str(),
+                  strerror(errno));
+        ++failures;
+      }
+    } else if (type == "kprobe") {
+      if (AttachKProbeProgram(dir, object, progName) == -1 && errno != EEXIST) {
+        TAVO_LOGE(kUtilsTag, "Attach kprobe prog failed: %s, type: %s, msg: %s", name.c_str(), type.c_str(),
+                  strerror(errno));
+        ++failures;
+      }
+    } else {
+      TAVO_LOGE(kUtilsTag, "(UNKNOW TYPE) attach prog failed: %s, type: %s", name.c_str(), type.c_str());
+    }
+  }
+  return failures;
+}
+
+}  // namespace Tavo::Bpf

@@ -1,0 +1,257 @@
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <string>
+#include <thread>
+
+#include "bpf/tavo_bpf_attach.h"
+#include "bpf/tavo_bpf_records.h"
+#include "state/tavo_bpf_state.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/pump_test_object.h"
+#include "tests/support/service_peer.h"
+#include "tests/support/test_env.h"
+
+using namespace Tavo::Bpf;
+using Peer = TavoBpfServiceTestPeer;
+
+namespace {
+
+constexpr const char* kNormal = "TavoBpfDefineset";
+constexpr const char* kGpl = "TavoBpfGplDefineset";
+constexpr uint64_t kForeignBits = 0xab0000000008ULL;  // bits the pump must keep
+
+void ForkOnce() {
+  const pid_t child = fork();
+  if (child == 0) _exit(0);
+  if (child > 0) waitpid(child, nullptr, 0);
+}
+
+// Records of one type counted by the event recorder over the whole window.
+uint64_t Counted(int type) {
+  uint64_t sum = 0;
+  for (int slot = 0; slot < TavoBpfDataState::kSlotCount; ++slot) {
+    sum += TavoBpfDataState::GetInstance()->getCounter(slot, type);
+  }
+  return sum;
+}
+
+template <typename Pred>
+bool WaitFor(Pred pred, int ms = 3000) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+class Pump : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    TAVO_REQUIRE_BPFFS();
+    if (!tavo_test::Env().tracefs) GTEST_SKIP() << "no tracefs";
+    ASSERT_EQ(object.Load(), "");
+    service = TavoBpfService::GetInstance();
+    // Fresh per process under CTest; reset for runs of several cases in one.
+    for (int ring = 0; ring < 2; ++ring) {
+      Peer::LastStatusCheck(service)[ring] = 0;
+      Peer::StatusFd(service)[ring].reset();
+      Peer::RingbufFd(service)[ring].reset();
+    }
+  }
+
+  void TearDown() override {
+    if (pump.joinable()) {
+      // Never leave the pump blocked in its untimed poll.
+      Peer::SetRunning(service, false);
+      object.Produce(TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO, getpid());
+      WaitFor([this] {
+        ForkOnce();
+        return done.load();
+      }, 10000);
+      pump.join();
+    }
+  }
+
+  // Pins the ring maps and the fork producer of one object and starts its pump.
+  void StartPump(int index, uint32_t recordType = TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO) {
+    const char* objectName = index == 0 ? kNormal : kGpl;
+    ASSERT_TRUE(object.PinRingMaps(objectName));
+    ASSERT_TRUE(object.PinProgram("fork_record", std::string("prog_") + objectName +
+                                                     "_tracepoint_sched_sched_process_fork"));
+    ASSERT_GE(AttachTracepointProgram(TavoBpfService::BPF_FS_PATH, objectName, "sched_sched_process_fork", "sched",
+                                      "sched_process_fork"),
+              0);
+    ASSERT_TRUE(object.Produce(recordType, getpid()));
+    Peer::SetRunning(service, true);
+    pump = std::thread([this, index] {
+      result = index == 0 ? service->eventMonitor() : service->gpleventMonitor();
+      done = true;
+    });
+    ASSERT_TRUE(WaitFor([this] { return (object.Status(0) & 6) == 6; })) << std::hex << object.Status(0);
+  }
+
+  // Stop request, then the record that lets the pump see it.
+  int StopPump() {
+    Peer::SetRunning(service, false);
+    ForkOnce();
+    pump.join();
+    return result;
+  }
+
+  tavo_test::PumpTestObject object;
+  TavoBpfService* service = nullptr;
+  std::thread pump;
+  std::atomic<bool> done{false};
+  int result = -2;
+};
+
+}  // namespace
+
+TEST_F(Pump, EnablesBitsThenDeliversRecordsUntilStopped) {
+  object.SetStatus(TAVO_STATUS_FLAGS, kForeignBits);
+  tavo_test::LogCapture log;
+  StartPump(0);
+  EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 6);
+  EXPECT_GE(Peer::RingbufFd(service)[0].get(), 0);
+  EXPECT_GE(Peer::StatusFd(service)[0].get(), 0);
+
+  for (int i = 0; i < 3; ++i) ForkOnce();
+  EXPECT_TRUE(WaitFor([] { return Counted(TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO) >= 3; }));
+  EXPECT_GE(Counted(TavoBpfDataState::kPollCounter), 1u);
+
+  EXPECT_EQ(StopPump(), 0);
+  EXPECT_EQ(log.Count("[TavoBpfService][eventMonitor] Stop Event Produce Thread...", ANDROID_LOG_WARN), 1);
+  EXPECT_EQ(Counted(TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO), 4u);
+  // A stopped pump leaves the flags up.
+  EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 6);
+}
+
+TEST_F(Pump, GplPumpRunsOnItsOwnMaps) {
+  tavo_test::LogCapture log;
+  StartPump(1);
+  ForkOnce();
+  EXPECT_TRUE(WaitFor([] { return Counted(TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO) >= 1; }));
+  EXPECT_GE(Peer::StatusFd(service)[1].get(), 0);
+  EXPECT_EQ(Peer::StatusFd(service)[0].get(), -1);
+  EXPECT_EQ(StopPump(), 0);
+  EXPECT_EQ(log.Count("[TavoBpfService][gpleventMonitor] Stop GPL Event Produce Thread...", ANDROID_LOG_WARN), 1);
+}
+
+TEST_F(Pump, FullMarkReportedOnFirstPollAndCleared) {
+  // Set before the pump starts: its first successful poll checks at once.
+  object.SetStatus(TAVO_STATUS_FLAGS, kForeignBits | TAVO_STATUS_RING_FULL);
+  object.SetStatus(TAVO_STATUS_AVAIL_DATA, 48);
+  object.SetStatus(TAVO_STATUS_RING_SIZE, 65536);
+  object.SetStatus(TAVO_STATUS_CONS_POS, 1000);
+  object.SetStatus(TAVO_STATUS_PROD_POS, 1048);
+  tavo_test::LogCapture log;
+  StartPump(0);
+  ForkOnce();
+  EXPECT_TRUE(WaitFor([this] { return (object.Status(TAVO_STATUS_FLAGS) & TAVO_STATUS_RING_FULL) == 0; }));
+  EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 6);
+  // Within 30 seconds a new mark waits for the next check.
+  object.SetStatus(TAVO_STATUS_FLAGS, kForeignBits | 7);
+  ForkOnce();
+  EXPECT_TRUE(WaitFor([] { return Counted(TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO) >= 2; }));
+  EXPECT_EQ(StopPump(), 0);
+  EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 7);
+  EXPECT_EQ(log.Count("[TavoBpfService][checkBpfRingBuffStatus] bpf ringbuff full!", ANDROID_LOG_WARN), 1);
+  EXPECT_EQ(log.Count("[TavoBpfService][checkBpfRingBuffStatus] avail data: 48, ringbuf size: 65536, cons pos: "
+                      "1000, prod pos: 1048",
+                      ANDROID_LOG_WARN),
+            1);
+}
+
+TEST_F(Pump, StatusCheckThrottledUnlessForced) {
+  ASSERT_TRUE(object.PinRingMaps(kNormal));
+  Peer::StatusFd(service)[0].reset(bpf_obj_get("/sys/fs/bpf/tavo/map_TavoBpfDefineset_ringbuf_status"));
+  object.SetStatus(TAVO_STATUS_FLAGS, kForeignBits | 7);
+  tavo_test::LogCapture log;
+  const int64_t now = time(nullptr);
+  Peer::LastStatusCheck(service)[0] = now;
+  EXPECT_TRUE(service->checkBpfRingBuffStatus(0, false));
+  EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 7);
+  Peer::LastStatusCheck(service)[0] = now - 31;
+  EXPECT_FALSE(service->checkBpfRingBuffStatus(0, false));
+  EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 6);
+  EXPECT_GE(Peer::LastStatusCheck(service)[0], now);
+  EXPECT_TRUE(service->checkBpfRingBuffStatus(0, true));
+  object.SetStatus(TAVO_STATUS_FLAGS, 1);
+  EXPECT_FALSE(service->checkBpfRingBuffStatus(0, true));
+  EXPECT_EQ(log.Count("bpf ringbuff full!", ANDROID_LOG_WARN), 2);
+}
+
+TEST_F(Pump, EnableFlagsChangeOneBitEach) {
+  ASSERT_TRUE(object.PinRingMaps(kNormal));
+  Peer::StatusFd(service)[0].reset(bpf_obj_get("/sys/fs/bpf/tavo/map_TavoBpfDefineset_ringbuf_status"));
+  object.SetStatus(TAVO_STATUS_FLAGS, kForeignBits | 1);
+  EXPECT_TRUE(service->enableCoreBpf(0, true));
+  EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 3);
+  EXPECT_TRUE(service->enableNormalBpf(0, true));
+  EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 7);
+  EXPECT_TRUE(service->enableCoreBpf(0, false));
+  EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 5);
+  EXPECT_TRUE(service->enableNormalBpf(0, false));
+  EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 1);
+  // No status map open for the GPL ring.
+  EXPECT_FALSE(service->enableCoreBpf(1, true));
+}
+
+TEST(PumpBadRing, OutOfRangeIndexTouchesNothing) {
+  TavoBpfService* service = TavoBpfService::GetInstance();
+  for (int ring : {2, 3, -1}) {
+    EXPECT_FALSE(service->checkBpfRingBuffStatus(ring, true)) << ring;
+    EXPECT_FALSE(service->checkBpfRingBuffStatus(ring, false)) << ring;
+    EXPECT_FALSE(service->enableCoreBpf(ring, true)) << ring;
+    EXPECT_FALSE(service->enableNormalBpf(ring, true)) << ring;
+  }
+}
+
+TEST(PumpMissingMaps, EndsWithOneErrorLine) {
+  TAVO_REQUIRE_BPFFS();
+  TavoBpfService* service = TavoBpfService::GetInstance();
+  Peer::SetRunning(service, true);
+  tavo_test::LogCapture log;
+  errno = 0;
+  EXPECT_EQ(service->eventMonitor(), -1);
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(log.Count("[TavoBpfService][eventMonitor] TAVOBPF: get ringbuf failed: No such file or directory, map "
+                      "fd: -1",
+                      ANDROID_LOG_ERROR),
+            1);
+  EXPECT_EQ(service->gpleventMonitor(), -1);
+  EXPECT_EQ(log.Count("[TavoBpfService][gpleventMonitor] TAVOBPF: get ringbuf failed: ", ANDROID_LOG_ERROR), 1);
+
+  // The ring alone is not enough.
+  tavo_test::PumpTestObject object;
+  ASSERT_EQ(object.Load(), "");
+  ASSERT_TRUE(object.PinMap("ringbuf_map", "map_TavoBpfDefineset_ringbuf_map"));
+  EXPECT_EQ(service->eventMonitor(), -1);
+  EXPECT_EQ(log.Count("[TavoBpfService][eventMonitor] TAVOBPF: get ringbuf status map failed: No such file or "
+                      "directory, map fd: -1",
+                      ANDROID_LOG_ERROR),
+            1);
+  EXPECT_EQ(log.Lines().size(), 3u);
+  EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), 0u);
+}
+
+// Each bad record makes one poll fail (1 s pause each): five are tolerated,
+// the sixth ends the pump.
+TEST_F(Pump, SixthPollFailureInARowEndsThePump) {
+  tavo_test::LogCapture log;
+  StartPump(0, 99);
+  for (int i = 0; i < 6; ++i) ForkOnce();
+  ASSERT_TRUE(WaitFor([this] { return done.load(); }, 9000));
+  pump.join();
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(log.Count("[TavoBpfService] handleEvent ERROR!!! Type: 99", ANDROID_LOG_ERROR), 6);
+  EXPECT_EQ(log.Count("[TavoBpfService][eventMonitor] TAVOBPF: ret -1 .Error ring buf poll. ", ANDROID_LOG_ERROR), 6);
+  EXPECT_EQ(log.Count("Stop Event Produce Thread", -1), 0);
+}

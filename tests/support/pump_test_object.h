@@ -1,0 +1,88 @@
+// Loads the test BPF object (tests/bpf/tavo_pump_test.bpf.c) and pins its
+// programs and maps under the names the service looks for, as the platform
+// loader would. Pins are removed again when the object goes away.
+#pragma once
+
+#include <bpf/bpf.h>
+#include <bpf/libbpf.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tavo_test {
+
+inline constexpr const char* kTavoPinDir = "/sys/fs/bpf/tavo/";
+
+class PumpTestObject {
+ public:
+  PumpTestObject() = default;
+  ~PumpTestObject() {
+    for (const std::string& path : pins) unlink(path.c_str());
+    if (object != nullptr) bpf_object__close(object);
+  }
+  PumpTestObject(const PumpTestObject&) = delete;
+  PumpTestObject& operator=(const PumpTestObject&) = delete;
+
+  // Opens and loads the object; ringBytes resizes the ring (0 = as built).
+  // Returns an empty string or the reason of the failure.
+  std::string Load(uint32_t ringBytes = 0) {
+    mkdir(kTavoPinDir, 0700);
+    object = bpf_object__open_file(TAVO_PUMP_BPF_OBJECT, nullptr);
+    if (object == nullptr) return "open " + std::string(TAVO_PUMP_BPF_OBJECT) + " failed";
+    if (ringBytes != 0 && bpf_map__set_max_entries(Map("ringbuf_map"), ringBytes) != 0) return "ring resize failed";
+    if (bpf_object__load(object) != 0) return "loading the test BPF object failed";
+    return "";
+  }
+
+  bpf_program* Program(const char* name) const { return bpf_object__find_program_by_name(object, name); }
+  bpf_map* Map(const char* name) const { return bpf_object__find_map_by_name(object, name); }
+  int MapFd(const char* name) const { return bpf_map__fd(Map(name)); }
+
+  // Pins under kTavoPinDir + fileName.
+  bool PinProgram(const char* name, const std::string& fileName) {
+    return Remember(bpf_program__pin(Program(name), (kTavoPinDir + fileName).c_str()), fileName);
+  }
+  bool PinMap(const char* name, const std::string& fileName) {
+    return Remember(bpf_obj_pin(MapFd(name), (kTavoPinDir + fileName).c_str()), fileName);
+  }
+
+  // Pins the ring and the status map under one object's names.
+  bool PinRingMaps(const std::string& object) {
+    return PinMap("ringbuf_map", "map_" + object + "_ringbuf_map") &&
+           PinMap("ringbuf_status", "map_" + object + "_ringbuf_status");
+  }
+
+  // The producer writes records of this type for forks and getppid calls of tgid.
+  bool Produce(uint32_t type, int32_t tgid) {
+    struct {
+      uint32_t type;
+      int32_t tgid;
+    } config = {type, tgid};
+    uint32_t key = 0;
+    return bpf_map_update_elem(MapFd("test_config"), &key, &config, BPF_ANY) == 0;
+  }
+
+  uint64_t Status(uint32_t key) const {
+    uint64_t value = 0;
+    bpf_map_lookup_elem(MapFd("ringbuf_status"), &key, &value);
+    return value;
+  }
+  void SetStatus(uint32_t key, uint64_t value) {
+    bpf_map_update_elem(MapFd("ringbuf_status"), &key, &value, BPF_ANY);
+  }
+
+ private:
+  bool Remember(int result, const std::string& fileName) {
+    if (result != 0) return false;
+    pins.push_back(kTavoPinDir + fileName);
+    return true;
+  }
+
+  bpf_object* object = nullptr;
+  std::vector<std::string> pins;
+};
+
+}  // namespace tavo_test
