@@ -26,6 +26,8 @@ class TavoBpfServiceTestPeer {
   static int64_t* LastStatusCheck(TavoBpfService* s) { return s->lastStatusCheck; }
   static void SetRunning(TavoBpfService* s, bool value) { s->running = value; }
 
+  static std::unique_ptr<IpcPackageHandler>& PackageHandler(TavoBpfService* s) { return s->packageHandler; }
+
   // Adds a client queue for a fake fd (as onClientLibConnection would).
   static IpcPackageManager& AddClient(TavoBpfService* s, int fd) {
     return s->clientQueues.try_emplace(fd).first->second;

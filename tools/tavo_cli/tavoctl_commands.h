@@ -1,0 +1,11 @@
+// The subcommands of tavoctl; each returns the process exit status.
+#pragma once
+
+namespace Tavo::Cli {
+
+int WatchCommand(int argc, char** argv);  // argv[0] is "watch"
+int DumpCommand(int argc, char** argv);   // argv[0] is "dump"
+void PrintWatchHelp(bool toStderr);
+void PrintDumpHelp(bool toStderr);
+
+}  // namespace Tavo::Cli

@@ -1,0 +1,180 @@
+// tavoctl dump: signal the service to write a dump, wait for it, print it.
+#include <signal.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <android-base/file.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "tools/tavo_cli/tavoctl_commands.h"
+#include "tools/tavo_cli/tavoctl_service_finder.h"
+#include "tools/tavo_client/tavo_client.h"
+
+namespace Tavo::Cli {
+
+namespace {
+
+constexpr const char* kTaskDump = "/data/tavolog/stability/tavobpfframework/DUMPTASK_INFO";
+constexpr const char* kCounterDump = "/data/tavolog/stability/tavobpfframework/bpfservice_state.csv";
+constexpr long kPollMs = 20;
+
+struct DumpKind {
+  const char* name;
+  int signal;
+  const char* file;
+};
+
+const DumpKind kKinds[] = {
+    {"tasks", 51, kTaskDump},
+    {"tasks-nonkernel", 52, kTaskDump},
+    {"tasks-short", 53, kTaskDump},
+    {"tasks-short-nonkernel", 54, kTaskDump},
+    {"counters", 50, kCounterDump},
+};
+
+struct FileStamp {
+  bool exists = false;
+  ino_t inode = 0;
+  timespec mtime{};
+  off_t size = 0;
+};
+
+FileStamp Stamp(const char* path) {
+  FileStamp stamp;
+  struct stat st {};
+  if (stat(path, &st) == 0) {
+    stamp.exists = true;
+    stamp.inode = st.st_ino;
+    stamp.mtime = st.st_mtim;
+    stamp.size = st.st_size;
+  }
+  return stamp;
+}
+
+bool Newer(const FileStamp& now, const FileStamp& before) {
+  if (!now.exists) return false;
+  if (!before.exists || now.inode != before.inode) return true;
+  return now.mtime.tv_sec > before.mtime.tv_sec ||
+         (now.mtime.tv_sec == before.mtime.tv_sec && now.mtime.tv_nsec > before.mtime.tv_nsec);
+}
+
+void SleepMs(long ms) {
+  timespec ts{ms / 1000, (ms % 1000) * 1000000L};
+  while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+  }
+}
+
+bool ParseNumber(const char* text, long* value) {
+  char* end = nullptr;
+  errno = 0;
+  *value = strtol(text, &end, 10);
+  return errno == 0 && end != text && *end == '\0' && *value > 0;
+}
+
+}  // namespace
+
+void PrintDumpHelp(bool toStderr) {
+  fprintf(toStderr ? stderr : stdout,
+          "usage: tavoctl dump WHAT [--pid PID] [--timeout SECONDS]\n"
+          "\n"
+          "Makes the service write a dump and prints it. WHAT is one of:\n"
+          "  tasks                  all tracked tasks, full columns        (signal 51)\n"
+          "  tasks-nonkernel        tasks with memory, full columns        (signal 52)\n"
+          "  tasks-short            all tracked tasks, short columns       (signal 53)\n"
+          "  tasks-short-nonkernel  tasks with memory, short columns       (signal 54)\n"
+          "  counters               per-second event counts, CSV           (signal 50)\n"
+          "\n"
+          "Task dumps are read from %s,\n"
+          "counters from %s.\n"
+          "\n"
+          "Options:\n"
+          "  --pid PID          the service's process (default: the holder of the\n"
+          "                     socket %s, else a process named\n"
+          "                     tavo_bpfd or tavo_host)\n"
+          "  --timeout SECONDS  how long to wait for the file (default 5)\n",
+          kTaskDump, kCounterDump, Tavo::Client::kServiceSocket);
+}
+
+int DumpCommand(int argc, char** argv) {
+  const DumpKind* kind = nullptr;
+  long pid = -1;
+  long timeoutSec = 5;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      PrintDumpHelp(false);
+      return 0;
+    } else if (arg == "--pid" || arg == "--timeout") {
+      long value = 0;
+      if (i + 1 >= argc || !ParseNumber(argv[i + 1], &value)) {
+        fprintf(stderr, "tavoctl: %s wants a positive number\n", arg.c_str());
+        return 2;
+      }
+      (arg == "--pid" ? pid : timeoutSec) = value;
+      ++i;
+    } else if (kind == nullptr) {
+      for (const DumpKind& k : kKinds) {
+        if (arg == k.name) kind = &k;
+      }
+      if (kind == nullptr) {
+        fprintf(stderr, "tavoctl: unknown dump '%s'\n", arg.c_str());
+        PrintDumpHelp(true);
+        return 2;
+      }
+    } else {
+      fprintf(stderr, "tavoctl: unexpected argument '%s'\n", arg.c_str());
+      return 2;
+    }
+  }
+  if (kind == nullptr) {
+    PrintDumpHelp(true);
+    return 2;
+  }
+  if (pid < 0) pid = FindServicePid(Tavo::Client::kServiceSocket);
+  if (pid < 0) {
+    fprintf(stderr, "tavoctl: service not running (no socket %s)\n", Tavo::Client::kServiceSocket);
+    return 1;
+  }
+  const FileStamp before = Stamp(kind->file);
+  if (kill(static_cast<pid_t>(pid), kind->signal) != 0) {
+    fprintf(stderr, "tavoctl: cannot signal process %ld: %s\n", pid, strerror(errno));
+    return 1;
+  }
+  const long deadlinePolls = timeoutSec * 1000 / kPollMs;
+  FileStamp now;
+  long polls = 0;
+  for (; polls < deadlinePolls; ++polls) {
+    SleepMs(kPollMs);
+    now = Stamp(kind->file);
+    if (Newer(now, before)) break;
+  }
+  if (polls == deadlinePolls) {
+    fprintf(stderr, "tavoctl: process %ld wrote no %s within %ld s\n", pid, kind->file, timeoutSec);
+    return 1;
+  }
+  // The writer may still be at it: wait until the file stops changing.
+  for (; polls < deadlinePolls; ++polls) {
+    SleepMs(kPollMs);
+    const FileStamp later = Stamp(kind->file);
+    if (later.exists && later.size == now.size && later.mtime.tv_sec == now.mtime.tv_sec &&
+        later.mtime.tv_nsec == now.mtime.tv_nsec) {
+      break;
+    }
+    now = later;
+  }
+  std::string content;
+  if (!android::base::ReadFileToString(kind->file, &content)) {
+    fprintf(stderr, "tavoctl: cannot read %s: %s\n", kind->file, strerror(errno));
+    return 1;
+  }
+  fwrite(content.data(), 1, content.size(), stdout);
+  return 0;
+}
+
+}  // namespace Tavo::Cli

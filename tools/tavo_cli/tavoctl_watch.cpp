@@ -1,0 +1,135 @@
+// tavoctl watch: subscribe to event codes and print one line per event.
+#include <signal.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tools/tavo_cli/tavoctl_commands.h"
+#include "tools/tavo_client/tavo_client.h"
+#include "tools/tavo_client/tavo_event_format.h"
+#include "tools/tavo_client/tavo_event_names.h"
+
+namespace Tavo::Cli {
+
+namespace {
+
+using Tavo::Client::TavoClient;
+
+// Waits up to ms for SIGINT or SIGTERM (blocked in every thread); true if one came.
+bool StopRequested(const sigset_t& stopSignals, long ms) {
+  timespec timeout{ms / 1000, (ms % 1000) * 1000000L};
+  for (;;) {
+    const int sig = sigtimedwait(&stopSignals, nullptr, &timeout);
+    if (sig > 0) return true;
+    if (errno != EINTR) return false;
+  }
+}
+
+}  // namespace
+
+void PrintWatchHelp(bool toStderr) {
+  fprintf(toStderr ? stderr : stdout,
+          "usage: tavoctl watch [--json] [--wait] [EVENT...]\n"
+          "\n"
+          "Subscribes to the given events and prints one line per event until\n"
+          "interrupted (SIGINT or SIGTERM). Without EVENT, watches the notices.\n"
+          "\n"
+          "EVENT is a code or a name:\n"
+          "  start (50001)  end (50002)  threads (50003)  memory (50004)  dmabuf (50005)\n"
+          "  fork (2)  exit (3)  rss (1)\n"
+          "  the raw type names 0..14: tavo_task_init kmem_rss_info sched_task_create\n"
+          "  sched_task_exit dmabuf_size_info cgroup_attach_cpuset_info fd_update_info\n"
+          "  dmabuf_setup dmabuf_release dambuf_attach dmabuf_detach dmabuf_vmap\n"
+          "  dmabuf_vunmap dmabuf_mmap dmabuf_munmap\n"
+          "  notices (all 5000x), raw (0..14), all\n"
+          "\n"
+          "Options:\n"
+          "  --json   one JSON object per line instead of text\n"
+          "  --wait   keep trying to connect (every 5 s) instead of failing at once\n"
+          "\n"
+          "Exit status: 0 after an interrupt, 1 when the service is not running or\n"
+          "refuses a subscription, 2 for bad arguments.\n");
+}
+
+int WatchCommand(int argc, char** argv) {
+  bool json = false;
+  bool wait = false;
+  std::vector<uint32_t> codes;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      PrintWatchHelp(false);
+      return 0;
+    } else if (arg == "--json") {
+      json = true;
+    } else if (arg == "--wait") {
+      wait = true;
+    } else if (!Tavo::Client::ResolveEventArgument(arg, &codes)) {
+      fprintf(stderr, "tavoctl: unknown event '%s'\n", arg.c_str());
+      PrintWatchHelp(true);
+      return 2;
+    }
+  }
+  if (codes.empty()) Tavo::Client::ResolveEventArgument("notices", &codes);
+  std::vector<uint32_t> unique;
+  for (uint32_t code : codes) {
+    bool seen = false;
+    for (uint32_t u : unique) seen = seen || u == code;
+    if (!seen) unique.push_back(code);
+  }
+
+  // Blocked before the client's thread exists, so only sigtimedwait sees them.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+
+  TavoClient::Options options;
+  options.waitForService = wait;
+  TavoClient client(
+      [json](const Tavo::Client::Event& event) {
+        const std::string clock = Tavo::Client::ClockNow();
+        const std::string line = json ? Tavo::Client::FormatEventJson(event, clock)
+                                      : Tavo::Client::FormatEventText(event, clock);
+        printf("%s\n", line.c_str());
+      },
+      options);
+  bool everConnected = false;
+  client.SetConnectionCallback([&everConnected](bool up) {
+    // Only changes after the first connection are news.
+    if (!up) {
+      fprintf(stderr, "tavoctl: connection to the service lost, reconnecting\n");
+    } else if (everConnected) {
+      fprintf(stderr, "tavoctl: reconnected\n");
+    }
+    everConnected = everConnected || up;
+  });
+  if (client.Connect() != 0) {
+    fprintf(stderr, "tavoctl: service not running (no socket %s)\n", Tavo::Client::kServiceSocket);
+    return 1;
+  }
+  if (wait) {
+    while (!client.IsConnected()) {
+      if (StopRequested(stopSignals, 200)) return 0;
+    }
+  }
+  for (uint32_t code : unique) {
+    if (client.Subscribe(code) != 0) {
+      fprintf(stderr, "tavoctl: subscribing to %s failed: %s\n",
+              Tavo::Client::EventName(code).c_str(), strerror(errno));
+      return 1;
+    }
+  }
+  while (!StopRequested(stopSignals, 1000)) {
+  }
+  client.Close();
+  return 0;
+}
+
+}  // namespace Tavo::Cli
