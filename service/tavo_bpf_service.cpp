@@ -4,8 +4,6 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <android-base/properties.h>
-
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -14,6 +12,7 @@
 #include "event/tavo_bpf_event_manager.h"
 #include "include/tavo_bpf_service_main.h"
 #include "util/tavo_log.h"
+#include "util/tavo_properties.h"
 #include "util/tavo_time.h"
 
 namespace Tavo::Bpf {
@@ -51,7 +50,7 @@ void NameAndPinThread(const char* name, const char* affinityError) {
 }  // namespace
 
 int BpfServiceMain() {
-  const std::string disabled = android::base::GetProperty(kDisableProperty, "0");
+  const std::string disabled = GetServiceProperty(kDisableProperty, "0");
   if (disabled == "1") {
     TAVO_LOGI(kServiceTag, "[BpfServiceMain] Starting TAVO Bpf Service disabled!");
     return 0;
@@ -194,7 +193,7 @@ int TavoBpfService::eventProduceThread() {
   NameAndPinThread("BpfServicePoll", "[TavoBpfService][eventProduceThread] set thread affinity failed. %s");
   ipcManager->start();
   // A stop while waiting ends the thread instead of leaving it parked.
-  while (android::base::GetProperty(TAVO_BPF_READY, "0") == "0") {
+  while (GetServiceProperty(TAVO_BPF_READY, "0") == "0") {
     if (!running) return 0;
     sleep(1);
   }

@@ -18,6 +18,7 @@
 #include "ipc/ipc_package_handler.h"
 #include "ipc/ipc_package_manager.h"
 #include "ipc/unix_ipc_manager.h"
+#include "service/tavo_bpf_exit_queue.h"
 #include "util/tavo_export.h"
 
 namespace Tavo::Bpf {
@@ -79,6 +80,10 @@ class TavoBpfService {
   int handleDmabuf_Vunmap(char* data, long size);
   int handleDmabuf_Mmap(char* data, long size);
   int handleDmabuf_Munmap(char* data, long size);
+  // Drops the dma-buf entries of processes noted by NoteProcessExit. Runs at
+  // the start of every dma-buf handler; GPL pump thread only. Returns the
+  // number of processes whose entries went.
+  int reapExitedDmabufProcesses();
 
   // Client connections (socket thread).
   int onClientLibConnection(int fd);
@@ -141,6 +146,10 @@ class TavoBpfService {
   std::map<int32_t, std::map<uint64_t, uint32_t>> processDmabufRefs;
   std::map<int32_t, int64_t> processDmabufTotals;
   std::map<int32_t, std::map<uint64_t, uint64_t>> processDmabufMappings;
+  // Time stamp of the latest record that took a use for the pid: an exit
+  // older than it belongs to an earlier process with that pid.
+  std::map<int32_t, uint64_t> processDmabufLastUseTs;
+  std::vector<ProcessExitNote> exitNotes;
   std::set<std::string> uninitializedComms;
   // Guards the two thread handles.
   std::mutex dataLock;

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <android-base/file.h>
-#include <android-base/properties.h>
 #include <android-base/strings.h>
 
 #include <chrono>
@@ -13,6 +12,7 @@
 
 #include "include/tavo_bpf_service_main.h"
 #include "tests/support/log_capture.h"
+#include "util/tavo_properties.h"
 #include "util/tavo_time.h"
 
 using namespace Tavo::Bpf;
@@ -60,7 +60,7 @@ void StopAndJoin() {
 
 TEST(Lifecycle, DisabledOnlyByExactlyOne) {
   tavo_test::LogCapture log;
-  android::base::SetProperty(kDisable, "1");
+  SetServiceProperty(kDisable, "1");
   EXPECT_EQ(BpfServiceMain(), 0);
   EXPECT_EQ(log.Count("[BpfServiceMain] Starting TAVO Bpf Service disabled!", ANDROID_LOG_INFO), 1);
   EXPECT_EQ(FindThread("BpfServicePoll"), -1);
@@ -70,7 +70,7 @@ class LifecycleEnabled : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(LifecycleEnabled, OtherValuesStartTheService) {
   tavo_test::LogCapture log;
-  if (GetParam() != nullptr) android::base::SetProperty(kDisable, GetParam());
+  if (GetParam() != nullptr) SetServiceProperty(kDisable, GetParam());
   EXPECT_EQ(BpfServiceMain(), 1);
   EXPECT_EQ(log.Count("[BpfServiceMain] Starting TAVO Bpf Service", ANDROID_LOG_INFO), 1);
   EXPECT_TRUE(WaitFor([] { return FindThread("BpfServicePoll") > 0; }, 2000));
@@ -94,14 +94,14 @@ TEST(Lifecycle, PollThreadIsNamedAndPinned) {
 }
 
 TEST(Lifecycle, WaitsForReadinessInOneSecondSteps) {
-  android::base::SetProperty(kReady, "0");
+  SetServiceProperty(kReady, "0");
   __basetime = 0;
   ASSERT_EQ(BpfServiceMain(), 1);
   // The time base is set only once the loader said it is ready.
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
   EXPECT_EQ(GetBasetime(), 0);
   const auto released = std::chrono::steady_clock::now();
-  android::base::SetProperty(kReady, "00");
+  SetServiceProperty(kReady, "00");
   EXPECT_TRUE(WaitFor([] { return GetBasetime() != 0; }, 2500));
   EXPECT_LE(std::chrono::steady_clock::now() - released, std::chrono::milliseconds(1500));
   StopAndJoin();

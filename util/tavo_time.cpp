@@ -9,7 +9,7 @@
 
 namespace Tavo::Bpf {
 
-int64_t __basetime = 0;
+std::atomic<int64_t> __basetime{0};
 
 bool InitBasetimeFrom(const char* statPath) {
   std::ifstream in(statPath);
@@ -28,7 +28,7 @@ bool InitBasetimeFrom(const char* statPath) {
 
 bool InitBasetime() { return InitBasetimeFrom("/proc/stat"); }
 
-int64_t GetBasetime() { return __basetime; }
+int64_t GetBasetime() { return __basetime.load(std::memory_order_relaxed); }
 
 static timespec ReadClock(clockid_t id) {
   timespec ts{};
@@ -43,22 +43,22 @@ int64_t GetSystemBootNanosencondsTime() {
 
 int64_t GetSystemNanosencondsTime() {
   timespec ts = ReadClock(CLOCK_MONOTONIC);
-  return (ts.tv_sec + __basetime) * 1000000000LL + ts.tv_nsec;
+  return (ts.tv_sec + GetBasetime()) * 1000000000LL + ts.tv_nsec;
 }
 
 int64_t GetSystemMicrosencondsTime() {
   timespec ts = ReadClock(CLOCK_MONOTONIC);
-  return (ts.tv_sec + __basetime) * 1000000LL + ts.tv_nsec / 1000;
+  return (ts.tv_sec + GetBasetime()) * 1000000LL + ts.tv_nsec / 1000;
 }
 
 int64_t GetSystemMillisecondsTime(bool precise) {
   timespec ts = ReadClock(precise ? CLOCK_MONOTONIC : CLOCK_MONOTONIC_COARSE);
-  return (ts.tv_sec + __basetime) * 1000LL + ts.tv_nsec / 1000000;
+  return (ts.tv_sec + GetBasetime()) * 1000LL + ts.tv_nsec / 1000000;
 }
 
 int64_t GetSystemSecondsTime() {
   timespec ts = ReadClock(CLOCK_MONOTONIC_COARSE);
-  return ts.tv_sec + __basetime;
+  return ts.tv_sec + GetBasetime();
 }
 
 int64_t SubAbs(long long a, long long b) { return a - b >= 0 ? a - b : b - a; }

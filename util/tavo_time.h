@@ -1,12 +1,15 @@
 // Time base: boot time in wall-clock seconds added to the monotonic clocks.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 namespace Tavo::Bpf {
 
 // Seconds since the epoch at which the system booted; 0 until InitBasetime().
-extern int64_t __basetime;
+// Written once by the poll thread and read everywhere; atomic (relaxed) so
+// threads started before it was set read it without a race.
+extern std::atomic<int64_t> __basetime;
 
 // Reads "btime " from /proc/stat; false when the file cannot be opened.
 bool InitBasetime();

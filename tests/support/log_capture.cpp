@@ -19,16 +19,20 @@ void CaptureLogger(const struct __android_logger_data* data, const char* message
 }
 }  // namespace
 
+// liblog calls the logger under its own lock, so ours is never held while
+// the logger is swapped.
 LogCapture::LogCapture() {
-  std::lock_guard<std::mutex> guard(gLock);
-  delete gLines;
-  gLines = new std::vector<LogLine>();
+  {
+    std::lock_guard<std::mutex> guard(gLock);
+    delete gLines;
+    gLines = new std::vector<LogLine>();
+  }
   __android_log_set_logger(CaptureLogger);
 }
 
 LogCapture::~LogCapture() {
-  std::lock_guard<std::mutex> guard(gLock);
   __android_log_set_logger(__android_log_stderr_logger);
+  std::lock_guard<std::mutex> guard(gLock);
   delete gLines;
   gLines = nullptr;
 }
