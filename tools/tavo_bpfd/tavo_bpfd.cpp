@@ -21,7 +21,7 @@
 #include <thread>
 
 #include "include/tavo_bpf_service_main.h"
-#include "tools/tavo_bpfd/tavo_bpf_pump_waker.h"
+#include "tools/tavo_loader/tavo_bpf_pump_waker.h"
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 #include "util/tavo_log.h"
 
@@ -123,7 +123,7 @@ int main(int argc, char** argv) {
     Tavo::Bpf::TavoBpfService::GetInstance()->stop();
     // A pump may be mid-seeding rather than polling; wake again until joined.
     for (int i = 0; i < 20 && !joined; ++i) {
-      Tavo::Bpfd::WakePumps(options.pinDir);
+      Tavo::Loader::WakePumps(options.pinDir);
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
   });

@@ -1,6 +1,7 @@
-#include "tools/tavo_bpfd/tavo_bpf_pump_waker.h"
+#include "tools/tavo_loader/tavo_bpf_pump_waker.h"
 
 #include <bpf/bpf.h>
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,7 +10,7 @@
 
 #include "bpf/tavo_bpf_records.h"
 
-namespace Tavo::Bpfd {
+namespace Tavo::Loader {
 
 int WakePumps(const std::string& pinDir) {
   int fds[2];
@@ -38,4 +39,4 @@ int WakePumps(const std::string& pinDir) {
   return 0;
 }
 
-}  // namespace Tavo::Bpfd
+}  // namespace Tavo::Loader

@@ -8,10 +8,10 @@
 
 #include <string>
 
-namespace Tavo::Bpfd {
+namespace Tavo::Loader {
 
 // Forks, plants the GPL map entry, lets the child exit and reaps it.
 // Returns 0, or -1 with errno when the child could not be made.
 int WakePumps(const std::string& pinDir);
 
-}  // namespace Tavo::Bpfd
+}  // namespace Tavo::Loader
