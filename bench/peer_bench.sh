@@ -72,14 +72,14 @@ for round in $(seq "$ROUNDS"); do
   sleep 1  # programs attached, start-up scan done
   for kind in fork thread; do
     coproc SUB { "$B/bench/tavo_bench_subscriber" "$work/client.out"; }
-    read -r ready <&"${SUB[0]}"
+    read -r -t 30 ready <&"${SUB[0]}" || true
     c0=$(cpu_ticks $daemon)
     rate=$(storm $kind)
     sleep 1
     c1=$(cpu_ticks $daemon)
     kill -TERM "$SUB_PID"
-    read -r fp ft xp xt st en p50 p99 recv <&"${SUB[0]}"
-    wait "$SUB_PID" 2>/dev/null || true
+    read -r -t 30 fp ft xp xt st en p50 p99 recv <&"${SUB[0]}" || { fp=0 ft=0 xp=0 xt=0 st=0 en=0 p50=- p99=-; }
+    kill -KILL "$SUB_PID" 2>/dev/null || true; wait "$SUB_PID" 2>/dev/null || true
     if [ $kind = fork ]; then got=$((fp + xp + st + en)); want=$((4 * N)); else got=$((ft + xt)); want=$((2 * N)); fi
     lost=$(( want - got )); [ $lost -ge 0 ] || lost=0
     cpu_us=$(awk -v d=$((c1 - c0)) -v t="$ticks" -v e="$want" 'BEGIN {printf "%.2f", d / t * 1e6 / e}')
