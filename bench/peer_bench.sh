@@ -71,7 +71,7 @@ for round in $(seq "$ROUNDS"); do
   for _ in $(seq 100); do grep -q '@/mnt/bpfframework/tavobpfdispatcher' /proc/net/unix && break; sleep 0.1; done
   sleep 1  # programs attached, start-up scan done
   for kind in fork thread; do
-    coproc SUB { "$B/bench/tavo_bench_subscriber" "$work/client.out"; }
+    coproc SUB { exec "$B/bench/tavo_bench_subscriber" "$work/client.out"; }
     read -r -t 30 ready <&"${SUB[0]}" || true
     c0=$(cpu_ticks $daemon)
     rate=$(storm $kind)
