@@ -37,12 +37,7 @@ namespace {
 
 constexpr const char* kNormal = "TavoBpfDefineset";
 constexpr size_t kPage = 4096;
-// A sanitizer runtime allocates for itself in a forked child as it runs.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int64_t kSanitizerSlack = 8 << 20;
-#else
-constexpr int64_t kSanitizerSlack = 0;
-#endif
+using tavo_test::kSanitizerSlack;
 
 class KernE2eTest : public testing::Test {
  protected:

@@ -68,19 +68,22 @@ TEST_F(KernRingTest, ForkedChildYieldsOneProcessForkAndOneProcessExit) {
   waitpid(child, nullptr, 0);
   ring.Drain();
 
+  // (A sanitizer runtime may start threads of its own in the child: kind 2.)
   auto forks = Filter(ring.Of<tavo_task_create_event>(TAVO_EVENT_SCHED_TASK_CREATE),
-                      [&](const tavo_task_create_event& r) { return r.pid == child; });
+                      [&](const tavo_task_create_event& r) {
+                        return r.pid == child && r.kind == TAVO_TASK_KIND_PROCESS;
+                      });
   ASSERT_EQ(forks.size(), 1u);
-  EXPECT_EQ(forks[0].kind, (uint32_t)TAVO_TASK_KIND_PROCESS);
   EXPECT_EQ(forks[0].ppid, getpid());
   EXPECT_EQ(forks[0].uid, getuid());
   EXPECT_EQ(Comm(forks[0].comm), Comm(parentComm));  // a child starts with its parent's name
   EXPECT_GT(forks[0].hdr.ts, 0u);
 
   auto exits = Filter(ring.Of<tavo_task_exit_event>(TAVO_EVENT_SCHED_TASK_EXIT),
-                      [&](const tavo_task_exit_event& r) { return r.pid == child; });
+                      [&](const tavo_task_exit_event& r) {
+                        return r.pid == child && r.kind == TAVO_TASK_KIND_PROCESS;
+                      });
   ASSERT_EQ(exits.size(), 1u);
-  EXPECT_EQ(exits[0].kind, (uint32_t)TAVO_TASK_KIND_PROCESS);
   EXPECT_EQ(Comm(exits[0].comm), "tavo_kchild");
   EXPECT_GE(exits[0].hdr.ts, forks[0].hdr.ts);
 }
@@ -97,13 +100,15 @@ TEST_F(KernRingTest, NewThreadIsKindTwoOfItsProcess) {
 
   auto mine = Filter(ring.Of<tavo_task_create_event>(TAVO_EVENT_SCHED_TASK_CREATE),
                      [&](const tavo_task_create_event& r) { return r.pid == getpid() || r.pid == tid; });
-  ASSERT_EQ(mine.size(), 1u);
-  EXPECT_EQ(mine[0].pid, getpid());
-  EXPECT_EQ(mine[0].kind, (uint32_t)TAVO_TASK_KIND_THREAD);
+  ASSERT_GE(mine.size(), 1u);  // a sanitizer runtime may add threads of its own
+  for (const auto& r : mine) {
+    EXPECT_EQ(r.pid, getpid());
+    EXPECT_EQ(r.kind, (uint32_t)TAVO_TASK_KIND_THREAD);
+  }
   auto exits = Filter(ring.Of<tavo_task_exit_event>(TAVO_EVENT_SCHED_TASK_EXIT),
                       [&](const tavo_task_exit_event& r) { return r.pid == getpid() || r.pid == tid; });
-  ASSERT_EQ(exits.size(), 1u);
-  EXPECT_EQ(exits[0].kind, (uint32_t)TAVO_TASK_KIND_THREAD);
+  ASSERT_GE(exits.size(), 1u);
+  for (const auto& r : exits) EXPECT_EQ(r.kind, (uint32_t)TAVO_TASK_KIND_THREAD);
 }
 
 void* LingeringThread(void*) {
@@ -129,17 +134,19 @@ TEST_F(KernRingTest, LeaderExitingFirstStillYieldsOneProcessExitAtTheEnd) {
   waitpid(child, &status, 0);
   ring.Drain();
 
+  // The leader's exit and any other early thread exits are kind 2; exactly
+  // one kind 1 comes, last, with the lingering thread's exit.
   auto exits = Filter(ring.Of<tavo_task_exit_event>(TAVO_EVENT_SCHED_TASK_EXIT),
                       [&](const tavo_task_exit_event& r) { return r.pid == child; });
-  ASSERT_EQ(exits.size(), 2u);
-  EXPECT_EQ(exits[0].kind, (uint32_t)TAVO_TASK_KIND_THREAD);   // the leader
-  EXPECT_EQ(exits[1].kind, (uint32_t)TAVO_TASK_KIND_PROCESS);  // the last thread
-  EXPECT_GE(exits[1].hdr.ts - exits[0].hdr.ts, 100u * 1000 * 1000);
+  ASSERT_GE(exits.size(), 2u);
+  for (size_t i = 0; i + 1 < exits.size(); ++i) EXPECT_EQ(exits[i].kind, (uint32_t)TAVO_TASK_KIND_THREAD);
+  EXPECT_EQ(exits.back().kind, (uint32_t)TAVO_TASK_KIND_PROCESS);
+  EXPECT_GE(exits.back().hdr.ts - exits.front().hdr.ts, 100u * 1000 * 1000);
   auto forks = Filter(ring.Of<tavo_task_create_event>(TAVO_EVENT_SCHED_TASK_CREATE),
                       [&](const tavo_task_create_event& r) { return r.pid == child; });
-  ASSERT_EQ(forks.size(), 2u);
+  ASSERT_GE(forks.size(), 2u);
   EXPECT_EQ(forks[0].kind, (uint32_t)TAVO_TASK_KIND_PROCESS);
-  EXPECT_EQ(forks[1].kind, (uint32_t)TAVO_TASK_KIND_THREAD);
+  for (size_t i = 1; i < forks.size(); ++i) EXPECT_EQ(forks[i].kind, (uint32_t)TAVO_TASK_KIND_THREAD);
 }
 
 TEST_F(KernRingTest, CoreGateHoldsBackLifeCycleRecords) {
@@ -190,7 +197,8 @@ TEST_F(KernRingTest, RssRecordsAreChargedToTheTouchingChild) {
   ASSERT_FALSE(anon.empty());
   // The first record came with the first touched page; the last one holds all of them.
   const int64_t grown = anon.back().size - anon.front().size;
-  EXPECT_NEAR(grown, (int64_t)kBytes - 4096, 2 * 4096);
+  EXPECT_GE(grown, (int64_t)kBytes - 2 * 4096);
+  EXPECT_LE(grown, (int64_t)kBytes + tavo_test::kSanitizerSlack);
   // Nothing of it was charged to the parent.
   auto parent = Filter(ring.Of<tavo_rss_stat_event>(TAVO_EVENT_KMEM_RSS_INFO), [&](const tavo_rss_stat_event& r) {
     return r.pid == getpid() && r.member == TAVO_RSS_ANON && r.size >= (int64_t)kBytes;

@@ -23,6 +23,16 @@ extern "C" int bpf_attach_tracepoint(int progfd, const char* tp_category, const 
 
 namespace tavo_test {
 
+// A sanitizer runtime allocates for itself (shadow memory, its own
+// threads) in a forked child as the child runs.
+#if defined(__SANITIZE_THREAD__)
+inline constexpr int64_t kSanitizerSlack = 64 << 20;  // shadow of the touched pages
+#elif defined(__SANITIZE_ADDRESS__)
+inline constexpr int64_t kSanitizerSlack = 8 << 20;
+#else
+inline constexpr int64_t kSanitizerSlack = 0;
+#endif
+
 inline std::string PinPath(const std::string& name) { return std::string("/sys/fs/bpf/tavo/") + name; }
 
 // Opens a pinned program or map; -1 when it is not there.
