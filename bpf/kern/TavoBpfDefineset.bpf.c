@@ -1,0 +1,224 @@
+/*
+ * The normal object: process life cycle (fork, exit), resident-memory
+ * counters and open-descriptor counts. Its ring feeds the service's
+ * "BpfServicePoll" pump.
+ */
+/* Fork and exit storms come in bursts; leave the pump room to catch up. */
+#define TAVO_RING_BYTES (4u << 20)
+#include "tavo_bpf_common.bpf.h"
+
+/*
+ * Reading task_struct fields needs bpf_get_current_task and
+ * bpf_probe_read_kernel, which the kernel offers to GPL-compatible
+ * programs only, so the object carries a GPL-compatible dual licence.
+ */
+char LICENSE[] SEC("license") = "Dual BSD/GPL";
+
+/* Least change of one rss counter, in bytes, that is worth a record. */
+const volatile __s64 rss_step_bytes = 16384;
+/* An fd-count record is sent each time the count crosses a multiple of this. */
+const volatile __u64 fd_report_step = 32;
+/* How many threads of the parent's group to look at when classifying a fork. */
+#define TAVO_THREAD_SCAN 8
+/* Refresh status keys from the scheduler path every this many switches per CPU. */
+#define TAVO_SWITCH_REFRESH_MASK 4095u
+
+struct {
+  __uint(type, BPF_MAP_TYPE_HASH);
+  __uint(max_entries, 32768);
+  __type(key, __s32);
+  __type(value, struct tavo_open_fd_value);
+} open_fd_caller_map SEC(".maps");
+
+struct tavo_rss_key {
+  __u32 tgid;
+  __u32 member;
+};
+struct tavo_rss_last {
+  __s64 size;   /* bytes last sent for this (process, counter) */
+  __u32 mm_id;  /* which mm that was: exec or pid reuse starts afresh */
+  __u32 pad;
+};
+struct {
+  __uint(type, BPF_MAP_TYPE_LRU_HASH);
+  __uint(max_entries, 16384);
+  __type(key, struct tavo_rss_key);
+  __type(value, struct tavo_rss_last);
+} rss_last_map SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+  __uint(max_entries, 1);
+  __type(key, __u32);
+  __type(value, __u64);
+} switch_count SEC(".maps");
+
+/*
+ * The fork tracepoint runs in the parent and names only the child's id.
+ * A new thread has just been appended to the tail of the parent's
+ * signal->thread_head list; a new process never appears there. Look at
+ * the last few entries (a concurrent clone in the same group may have
+ * landed behind ours).
+ */
+static __always_inline bool tavo_is_new_thread(struct task_struct* parent, pid_t child) {
+  struct signal_struct* sig = BPF_CORE_READ(parent, signal);
+  if (!sig) return false;
+  struct list_head* head = __builtin_preserve_access_index(&sig->thread_head);
+  struct list_head* pos = BPF_CORE_READ(sig, thread_head.prev);
+  unsigned long node_off = bpf_core_field_offset(struct task_struct, thread_node);
+#pragma unroll
+  for (int i = 0; i < TAVO_THREAD_SCAN; i++) {
+    if (!pos || pos == head) break;
+    struct task_struct* t = (struct task_struct*)((char*)pos - node_off);
+    if (BPF_CORE_READ(t, pid) == child) return true;
+    pos = BPF_CORE_READ(pos, prev);
+  }
+  return false;
+}
+
+SEC("tracepoint/sched/sched_process_fork")
+int sched_sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
+  if (!tavo_enabled(TAVO_STATUS_CORE_ENABLED)) return 0;
+  struct task_struct* parent = (struct task_struct*)bpf_get_current_task();
+  pid_t child = ctx->child_pid;
+  __s32 tgid = (__s32)tavo_current_tgid();
+  bool thread = tavo_is_new_thread(parent, child);
+
+  struct tavo_task_create_event* rec =
+      TAVO_RESERVE(struct tavo_task_create_event, TAVO_EVENT_SCHED_TASK_CREATE);
+  if (!rec) return 0;
+  if (thread) {
+    rec->pid = tgid;
+    rec->ppid = BPF_CORE_READ(parent, real_parent, tgid);
+    rec->kind = TAVO_TASK_KIND_THREAD;
+  } else {
+    rec->pid = child;
+    rec->ppid = tgid;
+    rec->kind = TAVO_TASK_KIND_PROCESS;
+  }
+  rec->uid = (__u32)bpf_get_current_uid_gid();
+  /* The child starts with the parent's name. */
+  bpf_get_current_comm(rec->comm, sizeof(rec->comm));
+  bpf_ringbuf_submit(rec, 0);
+
+  if (!thread) {
+    /* The child inherits the parent's descriptors. */
+    struct tavo_open_fd_value* fds = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
+    if (fds) {
+      struct tavo_open_fd_value copy = *fds;
+      copy.pid = child;
+      bpf_map_update_elem(&open_fd_caller_map, &child, &copy, BPF_ANY);
+    }
+  }
+  return 0;
+}
+
+SEC("tracepoint/sched/sched_process_exit")
+int sched_sched_process_exit(void* ctx) {
+  struct task_struct* task = (struct task_struct*)bpf_get_current_task();
+  __s32 tgid = (__s32)tavo_current_tgid();
+  bool dead = tavo_group_dead(task);
+  if (dead) bpf_map_delete_elem(&open_fd_caller_map, &tgid);
+  if (!tavo_enabled(TAVO_STATUS_CORE_ENABLED)) return 0;
+
+  struct tavo_task_exit_event* rec =
+      TAVO_RESERVE(struct tavo_task_exit_event, TAVO_EVENT_SCHED_TASK_EXIT);
+  if (!rec) return 0;
+  rec->pid = tgid;
+  if (dead) {
+    /* The process's name is its leader's, whichever thread ends last. */
+    BPF_CORE_READ_STR_INTO(&rec->comm, task, group_leader, comm);
+    rec->kind = TAVO_TASK_KIND_PROCESS;
+  } else {
+    bpf_get_current_comm(rec->comm, sizeof(rec->comm));
+    rec->kind = TAVO_TASK_KIND_THREAD;
+  }
+  bpf_ringbuf_submit(rec, 0);
+  return 0;
+}
+
+/*
+ * rss_stat fires on every counter change, for any mm: only changes of the
+ * current task's own mm (curr) are charged, to the current process. A
+ * record goes out when the counter moved by at least rss_step_bytes since
+ * the last record for that (process, counter), which bounds ring traffic
+ * while every record still carries the exact current size.
+ */
+SEC("tracepoint/kmem/rss_stat")
+int kmem_rss_stat(struct trace_event_raw_rss_stat* ctx) {
+  if (!ctx->curr) return 0;
+  if (!tavo_enabled(TAVO_STATUS_NORMAL_ENABLED)) return 0;
+  int member = ctx->member;
+  if (member < 0 || member >= TAVO_RSS_MEMBERS) return 0;
+  __s64 size = ctx->size;
+  __u32 mm_id = ctx->mm_id;
+  struct tavo_rss_key key = {.tgid = tavo_current_tgid(), .member = (__u32)member};
+
+  struct tavo_rss_last* last = bpf_map_lookup_elem(&rss_last_map, &key);
+  if (last && last->mm_id == mm_id) {
+    __s64 delta = size - last->size;
+    if (delta < 0) delta = -delta;
+    if (delta < rss_step_bytes) return 0;
+  }
+  struct tavo_rss_stat_event* rec = TAVO_RESERVE(struct tavo_rss_stat_event, TAVO_EVENT_KMEM_RSS_INFO);
+  if (!rec) return 0;
+  rec->pid = (__s32)key.tgid;
+  rec->member = member;
+  rec->size = size;
+  bpf_ringbuf_submit(rec, 0);
+
+  struct tavo_rss_last now = {.size = size, .mm_id = mm_id};
+  bpf_map_update_elem(&rss_last_map, &key, &now, BPF_ANY);
+  return 0;
+}
+
+/* Keeps the status keys fresh while the ring is quiet. */
+SEC("tracepoint/sched/sched_switch")
+int sched_sched_switch(void* ctx) {
+  __u32 key = 0;
+  __u64* count = bpf_map_lookup_elem(&switch_count, &key);
+  if (count && ((*count)++ & TAVO_SWITCH_REFRESH_MASK) == 0) tavo_status_refresh();
+  return 0;
+}
+
+/* Applies one descriptor more or fewer to the current process's count. */
+static __always_inline int tavo_fd_change(__s64 delta, __s32 fd) {
+  __s32 tgid = (__s32)tavo_current_tgid();
+  struct tavo_open_fd_value* val = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
+  __u64 count;
+  if (!val) {
+    if (delta < 0) return 0; /* not seeded: nothing sensible to lower */
+    struct tavo_open_fd_value init = {.pid = tgid, .fd_count = 1, .fd_count_again = 1};
+    bpf_get_current_comm(init.comm, sizeof(init.comm));
+    bpf_map_update_elem(&open_fd_caller_map, &tgid, &init, BPF_NOEXIST);
+    count = 1;
+  } else {
+    if (delta < 0 && val->fd_count == 0) return 0;
+    __sync_fetch_and_add(&val->fd_count, delta);
+    count = val->fd_count;
+    val->fd_count_again = count;
+  }
+  __u64 step = fd_report_step ? fd_report_step : 1;
+  if (count % step != 0) return 0;
+
+  struct tavo_fd_update_event* rec = TAVO_RESERVE(struct tavo_fd_update_event, TAVO_EVENT_FD_UPDATE_INFO);
+  if (!rec) return 0;
+  rec->pid = tgid;
+  rec->fd = fd;
+  rec->fd_count = count;
+  bpf_get_current_comm(rec->comm, sizeof(rec->comm));
+  bpf_ringbuf_submit(rec, 0);
+  return 0;
+}
+
+SEC("kprobe/enter_fd_install")
+int BPF_KPROBE(enter_fd_install, unsigned int fd, struct file* file) {
+  if (!tavo_enabled(TAVO_STATUS_NORMAL_ENABLED)) return 0;
+  return tavo_fd_change(1, (__s32)fd);
+}
+
+SEC("kretprobe/return_filp_close")
+int BPF_KRETPROBE(return_filp_close, int ret) {
+  if (ret != 0 || !tavo_enabled(TAVO_STATUS_NORMAL_ENABLED)) return 0;
+  return tavo_fd_change(-1, -1);
+}

@@ -1,0 +1,139 @@
+// tavo_bpfd: the service on a Linux host.
+//   tavo_bpfd [--use-existing-pins] [--keep-pins] [--prop name=value]...
+//             [--obj-dir DIR] [--ring-bytes N] [--gpl-ring-bytes N] [--rss-step BYTES]
+// Loads and pins the BPF objects (unless told to use existing pins), plays
+// the platform's part (kernel version and readiness properties), runs the
+// service until SIGINT or SIGTERM, then stops it and removes its pins.
+#include <errno.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <android-base/properties.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "include/tavo_bpf_service_main.h"
+#include "tools/tavo_loader/tavo_bpf_pump_waker.h"
+#include "tools/tavo_loader/tavo_bpf_loader.h"
+#include "util/tavo_log.h"
+
+namespace {
+
+constexpr const char* kTag = "TavoBpfd";
+constexpr const char* kDumpParent = "/data/tavolog/stability";
+
+int Usage() {
+  fprintf(stderr,
+          "usage: tavo_bpfd [--use-existing-pins] [--keep-pins] [--prop name=value]...\n"
+          "                 [--obj-dir DIR] [--ring-bytes N] [--gpl-ring-bytes N] [--rss-step BYTES]\n");
+  return 2;
+}
+
+bool ParseNumber(const char* text, long long* out) {
+  char* end = nullptr;
+  errno = 0;
+  *out = strtoll(text, &end, 0);
+  return errno == 0 && end != text && *end == '\0' && *out >= 0;
+}
+
+// mkdir -p
+void MakeDirs(const std::string& path) {
+  for (size_t pos = 1; pos != std::string::npos;) {
+    pos = path.find('/', pos + 1);
+    mkdir(path.substr(0, pos).c_str(), 0755);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Tavo::Loader::LoaderOptions options;
+  bool useExisting = false;
+  bool keepPins = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    const bool hasValue = i + 1 < argc;
+    long long n = 0;
+    if (arg == "--use-existing-pins") {
+      useExisting = true;
+    } else if (arg == "--keep-pins") {
+      keepPins = true;
+    } else if (arg == "--prop" && hasValue) {
+      const std::string prop = argv[++i];
+      const size_t eq = prop.find('=');
+      if (eq == std::string::npos || eq == 0) return Usage();
+      android::base::SetProperty(prop.substr(0, eq), prop.substr(eq + 1));
+    } else if (arg == "--obj-dir" && hasValue) {
+      options.objectDir = argv[++i];
+    } else if (arg == "--ring-bytes" && hasValue && ParseNumber(argv[++i], &n)) {
+      options.normalRingBytes = static_cast<uint32_t>(n);
+    } else if (arg == "--gpl-ring-bytes" && hasValue && ParseNumber(argv[++i], &n)) {
+      options.gplRingBytes = static_cast<uint32_t>(n);
+    } else if (arg == "--rss-step" && hasValue && ParseNumber(argv[++i], &n)) {
+      options.rssStepBytes = n;
+    } else {
+      return Usage();
+    }
+  }
+
+  // Every thread the service starts inherits this mask, so only the
+  // watcher below ever sees SIGINT and SIGTERM.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  MakeDirs(kDumpParent);
+
+  Tavo::Loader::LoadReport report;
+  if (!useExisting && Tavo::Loader::LoadAndPin(options, &report) != 0) {
+    TAVO_LOGE(kTag, "[tavo_bpfd] loading the BPF objects failed: %s", strerror(errno));
+    Tavo::Loader::RemovePins(report.pins, options.pinDir);
+    return 1;
+  }
+  if (android::base::GetProperty("ro.kernel.version", "").empty()) {
+    utsname uts{};
+    if (uname(&uts) == 0) android::base::SetProperty("ro.kernel.version", uts.release);
+  }
+  android::base::SetProperty("sys.tavo_bpf_ready", "1");
+  TAVO_LOGI(kTag, "[tavo_bpfd] kernel %s, %zu pins, %zu programs skipped",
+            android::base::GetProperty("ro.kernel.version", "").c_str(), report.pins.size(),
+            report.skipped.size());
+
+  if (Tavo::Bpf::BpfServiceMain() == 0) {
+    if (!keepPins) Tavo::Loader::RemovePins(report.pins, options.pinDir);
+    return 0;
+  }
+
+  std::atomic<bool> joined{false};
+  std::thread watcher([&] {
+    int sig = 0;
+    sigwait(&stopSignals, &sig);
+    if (joined) return;  // Wait() ended on its own and woke us
+    TAVO_LOGW(kTag, "[tavo_bpfd] signal %d: stopping", sig);
+    Tavo::Bpf::TavoBpfService::GetInstance()->stop();
+    // A pump may be mid-seeding rather than polling; wake again until joined.
+    for (int i = 0; i < 20 && !joined; ++i) {
+      Tavo::Loader::WakePumps(options.pinDir);
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  });
+
+  const int rc = Tavo::Bpf::TavoBpfService::GetInstance()->Wait();
+  joined = true;
+  kill(getpid(), SIGTERM);  // releases the watcher if no signal came
+  watcher.join();
+  if (!keepPins && Tavo::Loader::RemovePins(report.pins, options.pinDir) != 0)
+    TAVO_LOGW(kTag, "[tavo_bpfd] some pins could not be removed");
+  TAVO_LOGI(kTag, "[tavo_bpfd] stopped");
+  return rc;
+}

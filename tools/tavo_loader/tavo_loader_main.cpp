@@ -1,0 +1,73 @@
+// tavo_loader: loads and pins the kernel-side objects, or removes the pins.
+//   tavo_loader load [--obj-dir DIR] [--pin-dir DIR] [--ring-bytes N]
+//                    [--gpl-ring-bytes N] [--rss-step BYTES] [--verbose]
+//   tavo_loader unload [--pin-dir DIR]
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "tools/tavo_loader/tavo_bpf_loader.h"
+
+namespace {
+
+int Usage() {
+  fprintf(stderr,
+          "usage: tavo_loader load [--obj-dir DIR] [--pin-dir DIR] [--ring-bytes N]\n"
+          "                        [--gpl-ring-bytes N] [--rss-step BYTES] [--verbose]\n"
+          "       tavo_loader unload [--pin-dir DIR]\n");
+  return 2;
+}
+
+bool ParseNumber(const char* text, long long* out) {
+  char* end = nullptr;
+  errno = 0;
+  *out = strtoll(text, &end, 0);
+  return errno == 0 && end != text && *end == '\0' && *out >= 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return Usage();
+  const std::string verb = argv[1];
+  Tavo::Loader::LoaderOptions options;
+  for (int i = 2; i < argc; ++i) {
+    const std::string arg = argv[i];
+    const bool hasValue = i + 1 < argc;
+    long long n = 0;
+    if (arg == "--verbose") {
+      options.verbose = true;
+    } else if (arg == "--obj-dir" && hasValue) {
+      options.objectDir = argv[++i];
+    } else if (arg == "--pin-dir" && hasValue) {
+      options.pinDir = argv[++i];
+    } else if (arg == "--ring-bytes" && hasValue && ParseNumber(argv[++i], &n)) {
+      options.normalRingBytes = static_cast<uint32_t>(n);
+    } else if (arg == "--gpl-ring-bytes" && hasValue && ParseNumber(argv[++i], &n)) {
+      options.gplRingBytes = static_cast<uint32_t>(n);
+    } else if (arg == "--rss-step" && hasValue && ParseNumber(argv[++i], &n)) {
+      options.rssStepBytes = n;
+    } else {
+      return Usage();
+    }
+  }
+  if (verb == "unload") {
+    const int removed = Tavo::Loader::UnloadAll(options.pinDir);
+    if (removed < 0) {
+      fprintf(stderr, "tavo_loader: %s: %s\n", options.pinDir.c_str(), strerror(errno));
+      return 1;
+    }
+    printf("removed %d pins\n", removed);
+    return 0;
+  }
+  if (verb != "load") return Usage();
+  Tavo::Loader::LoadReport report;
+  if (Tavo::Loader::LoadAndPin(options, &report) != 0) {
+    fprintf(stderr, "tavo_loader: load failed: %s\n", strerror(errno));
+    return 1;
+  }
+  for (const std::string& pin : report.pins) printf("pinned %s\n", pin.c_str());
+  for (const std::string& prog : report.skipped) printf("skipped %s\n", prog.c_str());
+  return 0;
+}
