@@ -9,10 +9,10 @@
 #include <string>
 
 #include "ipc/epoll_manager.h"
-#include "tests/ipc_test_util.h"
+#include "tests/support/frames.h"
 #include "tests/support/log_capture.h"
 
-using ipc_test::WaitFor;
+using tavo_test::WaitFor;
 
 namespace {
 
@@ -111,8 +111,8 @@ TEST(EpollManagerTest, WriteReadinessArmedOnlyWhileWanted) {
   };
   ASSERT_TRUE(manager.addMonitorFd(fd, callbacks));
   manager.start();
-  const int tid = ipc_test::FindThread("IpcEpollT");
-  const long cpuBefore = ipc_test::ThreadCpuMs(tid);
+  const int tid = tavo_test::FindThread("IpcEpollT");
+  const long cpuBefore = tavo_test::ThreadCpuMs(tid);
 
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_EQ(writes.load(), 0);  // writable socket, but nobody asked
@@ -126,7 +126,7 @@ TEST(EpollManagerTest, WriteReadinessArmedOnlyWhileWanted) {
   ASSERT_TRUE(WaitFor([&] { return writes.load() >= 6; }));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_EQ(writes.load(), 6);
-  EXPECT_LT(ipc_test::ThreadCpuMs(tid) - cpuBefore, 200);
+  EXPECT_LT(tavo_test::ThreadCpuMs(tid) - cpuBefore, 200);
 
   EXPECT_TRUE(manager.markWriteEventFinish(fd));
   EXPECT_FALSE(manager.notifyWriteEventReady(999));

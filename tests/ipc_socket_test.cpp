@@ -12,12 +12,12 @@
 
 #include "ipc/ipc_package_manager.h"
 #include "ipc/unix_ipc_manager.h"
-#include "tests/ipc_test_util.h"
+#include "tests/support/frames.h"
 #include "tests/support/log_capture.h"
 
-using ipc_test::Frame;
-using ipc_test::RawPeer;
-using ipc_test::WaitFor;
+using tavo_test::Frame;
+using tavo_test::RawPeer;
+using tavo_test::WaitFor;
 
 namespace {
 
@@ -160,7 +160,7 @@ TEST(UnixIpcManagerTest, FramesAcrossReads) {
 
 TEST(UnixIpcManagerTest, QueuedPackagesArriveInOrderAndIdleStaysQuiet) {
   Session s(SocketName());
-  const int tid = ipc_test::FindThread("IpcSrvT");
+  const int tid = tavo_test::FindThread("IpcSrvT");
   ASSERT_GT(tid, 0);
   std::string expected;
   for (int i = 0; i < 2000; ++i) {
@@ -173,10 +173,10 @@ TEST(UnixIpcManagerTest, QueuedPackagesArriveInOrderAndIdleStaysQuiet) {
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   // Idle and writable: write readiness is off, so the loop sleeps.
   const int calls = s.server.writeCalls.load();
-  const long cpu = ipc_test::ThreadCpuMs(tid);
+  const long cpu = tavo_test::ThreadCpuMs(tid);
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_EQ(s.server.writeCalls.load(), calls);
-  EXPECT_LT(ipc_test::ThreadCpuMs(tid) - cpu, 100);
+  EXPECT_LT(tavo_test::ThreadCpuMs(tid) - cpu, 100);
   EXPECT_FALSE(s.server.ipc->notifyNeedWriteData(12345));
 }
 
@@ -279,9 +279,9 @@ TEST(UnixIpcManagerTest, FullSocketRetriesElevenTimesThenResumes) {
 // The loop thread's CPU time over one second after a connection that can
 // never make progress: it must be closed, not spun on.
 long CpuOverOneSecond(int tid) {
-  const long before = ipc_test::ThreadCpuMs(tid);
+  const long before = tavo_test::ThreadCpuMs(tid);
   std::this_thread::sleep_for(std::chrono::seconds(1));
-  const long after = ipc_test::ThreadCpuMs(tid);
+  const long after = tavo_test::ThreadCpuMs(tid);
   printf("epoll thread CPU: before %ld ms, after %ld ms\n", before, after);
   return after - before;
 }
@@ -289,7 +289,7 @@ long CpuOverOneSecond(int tid) {
 TEST(UnixIpcManagerTest, OversizedFrameClosesWithoutSpin) {
   tavo_test::LogCapture log;
   Session s(SocketName());
-  const int tid = ipc_test::FindThread("IpcSrvT");
+  const int tid = tavo_test::FindThread("IpcSrvT");
   RawPeer other(SocketName());
   ASSERT_TRUE(WaitFor([&] { return s.server.Count(s.server.connected) == 2; }));
 
@@ -312,7 +312,7 @@ TEST(UnixIpcManagerTest, FullReceiveBufferClosesWithoutSpin) {
   tavo_test::LogCapture log;
   // A reader that never consumes: the buffer fills with valid small frames.
   Session s(SocketName(), 4096, Endpoint::ReadMode::kNothing, false);
-  const int tid = ipc_test::FindThread("IpcSrvT");
+  const int tid = tavo_test::FindThread("IpcSrvT");
   std::string stream;
   while (stream.size() < 6000) stream += Frame(0, "0123456789");
   s.peer->Send(stream, 200);

@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <android-base/file.h>
-#include <android-base/strings.h>
+
 
 #include <chrono>
 #include <string>
@@ -12,43 +11,18 @@
 
 #include "include/tavo_bpf_service_main.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/wait.h"
 #include "util/tavo_properties.h"
 #include "util/tavo_time.h"
 
 using namespace Tavo::Bpf;
+using tavo_test::FindThread;
+using tavo_test::WaitFor;
 
 namespace {
 
 constexpr const char* kDisable = "persist.sys.stability.bpfframework.disable";
 constexpr const char* kReady = "sys.tavo_bpf_ready";
-
-// The tid of this process's thread with the given name, or -1.
-int FindThread(const std::string& name) {
-  DIR* dir = opendir("/proc/self/task");
-  if (dir == nullptr) return -1;
-  int found = -1;
-  while (dirent* entry = readdir(dir)) {
-    std::string comm;
-    if (entry->d_name[0] == '.') continue;
-    if (android::base::ReadFileToString(std::string("/proc/self/task/") + entry->d_name + "/comm", &comm) &&
-        android::base::Trim(comm) == name) {
-      found = atoi(entry->d_name);
-      break;
-    }
-  }
-  closedir(dir);
-  return found;
-}
-
-template <typename Pred>
-bool WaitFor(Pred pred, int ms) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return pred();
-}
 
 void StopAndJoin() {
   TavoBpfService* service = TavoBpfService::GetInstance();

@@ -19,9 +19,11 @@
 #include "tests/support/pump_test_object.h"
 #include "tests/support/service_peer.h"
 #include "tests/support/test_env.h"
+#include "tests/support/wait.h"
 
 using namespace Tavo::Bpf;
 using Peer = TavoBpfServiceTestPeer;
+using tavo_test::WaitFor;
 
 namespace {
 
@@ -42,16 +44,6 @@ uint64_t Counted(int type) {
     sum += TavoBpfDataState::GetInstance()->getCounter(slot, type);
   }
   return sum;
-}
-
-template <typename Pred>
-bool WaitFor(Pred pred, int ms = 3000) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
 }
 
 class Pump : public ::testing::Test {

@@ -1,7 +1,7 @@
-// Small helpers for the socket-level IPC tests: a raw peer, waits, thread CPU.
+// Frames as they travel on the socket: building them, draining a client's
+// send queue, a raw peer on a real socket, and a fake subscribed client.
 #pragma once
 
-#include <dirent.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,28 +10,21 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <functional>
+#include <initializer_list>
 #include <string>
-#include <thread>
+#include <vector>
 
+#include "event/tavo_bpf_event_manager.h"
+#include "ipc/ipc_package_manager.h"
 #include "ipc/unix_ipc_manager.h"
+#include "service/tavo_bpf_service.h"
+#include "tests/support/service_peer.h"
+#include "tests/support/wait.h"
 
-namespace ipc_test {
+namespace tavo_test {
 
-inline bool WaitFor(const std::function<bool()>& done, int timeoutMs = 3000) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
-
-// Frame bytes: 8-byte length, command, data length, data.
+// 8-byte length, command, data length, data.
 inline std::string Frame(uint32_t command, const std::string& data) {
   std::string out(16, '\0');
   const int64_t length = static_cast<int64_t>(data.size()) + 8;
@@ -41,6 +34,48 @@ inline std::string Frame(uint32_t command, const std::string& data) {
   memcpy(&out[12], &inner, 4);
   return out + data;
 }
+
+template <typename Record>
+std::string AsString(const Record& r) {
+  return std::string(reinterpret_cast<const char*>(&r), sizeof(r));
+}
+
+// Payloads of the command-3 frames waiting in a send queue; takes them out.
+inline std::vector<std::string> DrainPayloads(IpcPackageManager& queue) {
+  std::vector<std::string> out;
+  std::vector<char> block(1 << 16);
+  BufferState buffer{0, 0, static_cast<int64_t>(block.size()), block.data()};
+  queue.fillIpcPackageToBuffer(&buffer);
+  for (size_t pos = 0; pos + 16 <= static_cast<size_t>(buffer.length);) {
+    int64_t frame;
+    uint32_t command, length;
+    memcpy(&frame, &block[pos], 8);
+    memcpy(&command, &block[pos + 8], 4);
+    memcpy(&length, &block[pos + 12], 4);
+    if (frame != 8 + static_cast<int64_t>(length) || pos + 8 + frame > static_cast<size_t>(buffer.length)) {
+      out.push_back("<malformed frame>");
+      break;
+    }
+    if (command == 3) out.emplace_back(&block[pos + 16], length);
+    pos += 8 + static_cast<size_t>(frame);
+  }
+  return out;
+}
+
+// A client queue on a fake descriptor, subscribed to the given codes.
+class NoticeSink {
+ public:
+  explicit NoticeSink(std::initializer_list<int> codes, int fd = 90) {
+    auto* service = Tavo::Bpf::TavoBpfService::GetInstance();
+    queue = &Tavo::Bpf::TavoBpfServiceTestPeer::AddClient(service, fd);
+    for (int code : codes) Tavo::Bpf::EventManager::GetInstance()->AddObserverEvent(fd, code);
+  }
+  // Payloads queued since the last call.
+  std::vector<std::string> Take() { return DrainPayloads(*queue); }
+
+ private:
+  IpcPackageManager* queue;
+};
 
 // A peer on a raw non-blocking socket, driven with poll().
 class RawPeer {
@@ -67,7 +102,7 @@ class RawPeer {
     }
     return true;
   }
-  // Reads exactly n bytes; empty on time-out or end of stream.
+  // Exactly n bytes; empty on time-out or end of stream.
   std::string Recv(size_t n, int timeoutMs = 3000) {
     std::string out;
     char chunk[65536];
@@ -83,14 +118,13 @@ class RawPeer {
     }
     return out;
   }
-  // True once the server closed its end.
+  // True once the other end closed.
   bool SeesEnd(int timeoutMs = 3000) {
     char chunk[4096];
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (std::chrono::steady_clock::now() < deadline) {
       const ssize_t got = recv(fd, chunk, sizeof(chunk), 0);
-      if (got == 0) return true;
-      if (got < 0 && errno != EAGAIN) return true;
+      if (got == 0 || (got < 0 && errno != EAGAIN)) return true;
       pollfd p{fd, POLLIN, 0};
       poll(&p, 1, 50);
     }
@@ -99,36 +133,4 @@ class RawPeer {
   int fd;
 };
 
-// Thread id of this process's thread named `name`, or -1.
-inline int FindThread(const std::string& name) {
-  DIR* dir = opendir("/proc/self/task");
-  if (dir == nullptr) return -1;
-  int found = -1;
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] == '.') continue;
-    std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
-    std::string line;
-    std::getline(comm, line);
-    if (line == name) found = atoi(entry->d_name);
-  }
-  closedir(dir);
-  return found;
-}
-
-// User plus system CPU time of one thread, in milliseconds.
-inline long ThreadCpuMs(int tid) {
-  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-  const size_t paren = text.rfind(')');
-  if (paren == std::string::npos) return -1;
-  // Fields after the command: state is field 3; utime and stime are 14 and 15.
-  unsigned long utime = 0;
-  unsigned long stime = 0;
-  if (sscanf(text.c_str() + paren + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &utime,
-             &stime) != 2) {
-    return -1;
-  }
-  return static_cast<long>((utime + stime) * 1000 / sysconf(_SC_CLK_TCK));
-}
-
-}  // namespace ipc_test
+}  // namespace tavo_test
