@@ -17,10 +17,6 @@ namespace {
 constexpr const char* kNormal = "TavoBpfDefineset";
 constexpr const char* kGpl = "TavoBpfGplDefineset";
 
-int Count(const tavo_test::LogCapture& log, const std::string& text, int priority) {
-  return log.Count(text, priority);
-}
-
 class AttachWithObject : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -79,13 +75,13 @@ TEST_P(AttachByVersion, RowsSkippedOrTried) {
   tavo_test::LogCapture log;
   EXPECT_EQ(AttachAllTavoBpfProgram(TavoBpfService::BPF_FS_PATH, TavoBpfService::PROG_GPL_EVENT_MAP),
             c.gplAttempted);
-  EXPECT_EQ(Count(log, "Skip bpf prog: TavoBpfGplDefineset, progName: ", ANDROID_LOG_WARN), c.gplSkipped);
-  EXPECT_EQ(Count(log, "Attach bpf prog start: TavoBpfGplDefineset", ANDROID_LOG_INFO), c.gplAttempted);
+  EXPECT_EQ(log.Count("Skip bpf prog: TavoBpfGplDefineset, progName: ", ANDROID_LOG_WARN), c.gplSkipped);
+  EXPECT_EQ(log.Count("Attach bpf prog start: TavoBpfGplDefineset", ANDROID_LOG_INFO), c.gplAttempted);
   const int kernel = convertVersionToInt(c.version == nullptr ? "0.0" : c.version);
   // The 6.1 and 6.6 dma-buf rows exclude each other.
-  EXPECT_EQ(Count(log, "_6_1, kernelCompat: 6.1", ANDROID_LOG_WARN), kernel == 6001 ? 0 : 9);
-  EXPECT_EQ(Count(log, "_6_6, kernelCompat: 6.6", ANDROID_LOG_WARN), kernel == 6006 ? 0 : 9);
-  EXPECT_EQ(Count(log, "Error format!", -1), 0);
+  EXPECT_EQ(log.Count("_6_1, kernelCompat: 6.1", ANDROID_LOG_WARN), kernel == 6001 ? 0 : 9);
+  EXPECT_EQ(log.Count("_6_6, kernelCompat: 6.6", ANDROID_LOG_WARN), kernel == 6006 ? 0 : 9);
+  EXPECT_EQ(log.Count("Error format!", -1), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(
