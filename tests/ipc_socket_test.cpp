@@ -180,16 +180,6 @@ TEST(UnixIpcManagerTest, QueuedPackagesArriveInOrderAndIdleStaysQuiet) {
   EXPECT_FALSE(s.server.ipc->notifyNeedWriteData(12345));
 }
 
-TEST(UnixIpcManagerTest, WriteDataNowSendsFromCaller) {
-  tavo_test::LogCapture log;
-  Session s(SocketName());
-  ASSERT_TRUE(s.server.Queue(s.fd, "now"));
-  EXPECT_TRUE(s.server.ipc->writeDataNow(s.fd));
-  EXPECT_EQ(s.peer->Recv(Frame(3, "now").size()), Frame(3, "now"));
-  EXPECT_FALSE(s.server.ipc->writeDataNow(777));
-  EXPECT_EQ(log.Count("[EpollManager][notifyWriteEventReady] the socket fd does not exist"), 1);
-}
-
 TEST(UnixIpcManagerTest, WriteDataNowRacesLoopWithoutLossOrReorder) {
   Session s(SocketName());
   std::string expected;
@@ -234,26 +224,17 @@ TEST(UnixIpcManagerTest, WriteCallbackResults) {
   ASSERT_TRUE(s.server.Queue(s.fd, "one"));
   EXPECT_EQ(s.server.ipc->onCommWriteCallback(event), 0);  // sent, stays on
   EXPECT_EQ(s.peer->Recv(Frame(3, "one").size()), Frame(3, "one"));
+  // writeDataNow sends from the caller's thread.
+  ASSERT_TRUE(s.server.Queue(s.fd, "now"));
+  EXPECT_TRUE(s.server.ipc->writeDataNow(s.fd));
+  EXPECT_EQ(s.peer->Recv(Frame(3, "now").size()), Frame(3, "now"));
+  EXPECT_FALSE(s.server.ipc->writeDataNow(777));
+  EXPECT_EQ(log.Count("[EpollManager][notifyWriteEventReady] the socket fd does not exist"), 1);
   event.data.fd = 4321;
   EXPECT_EQ(s.server.ipc->onCommWriteCallback(event), -1);
   EXPECT_EQ(s.server.ipc->onClientReadableCallback(event), -1);
   EXPECT_EQ(log.Count("[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(4321)!"), 1);
   EXPECT_EQ(log.Count("[UnixIpcManager][ClientCallback] Not allocate read buffer for the fd(4321)!"), 1);
-}
-
-TEST(UnixIpcManagerTest, ClientManagerGetsReplyFromServerReadCallback) {
-  Endpoint server(true, SocketName(), 32768, Endpoint::ReadMode::kEcho);
-  server.ipc->start();
-  ASSERT_TRUE(WaitFor([&] { return server.ipc->getSocketFd() >= 0; }));
-  Endpoint client(false, SocketName());
-  client.ipc->start();
-  ASSERT_TRUE(WaitFor([&] { return client.ipc->getSocketFd() >= 0; }));
-  const int own = client.ipc->getSocketFd();
-  ASSERT_TRUE(client.Queue(own, "ping-1"));
-  ASSERT_TRUE(client.Queue(own, "ping-2"));
-  ASSERT_TRUE(client.ipc->notifyNeedWriteData(own));
-  ASSERT_TRUE(WaitFor([&] { return client.FramesOf(own).size() == 2; }));
-  EXPECT_EQ(client.FramesOf(own), (std::vector<std::string>{"echo:ping-1", "echo:ping-2"}));
 }
 
 TEST(UnixIpcManagerTest, FullSocketRetriesElevenTimesThenResumes) {
@@ -371,15 +352,17 @@ TEST(UnixIpcManagerTest, ClientReconnectsAfterServerLoss) {
   EXPECT_EQ(client.Count(client.closed), 1u);
   EXPECT_EQ(client.At(client.closed, 0), first);
 
-  Endpoint again(true, SocketName());
+  // The new server answers from its read callback; the client reads it.
+  Endpoint again(true, SocketName(), 32768, Endpoint::ReadMode::kEcho);
   again.ipc->start();
   ASSERT_TRUE(WaitFor([&] { return again.Count(again.connected) == 1; }, 7000));
   const int own = client.ipc->getSocketFd();
   ASSERT_GE(own, 0);
-  ASSERT_TRUE(client.Queue(own, "back"));
+  ASSERT_TRUE(client.Queue(own, "back-1"));
+  ASSERT_TRUE(client.Queue(own, "back-2"));
   ASSERT_TRUE(client.ipc->notifyNeedWriteData(own));
-  const int fd = again.FirstConnected();
-  ASSERT_TRUE(WaitFor([&] { return again.FramesOf(fd).size() == 1; }));
+  ASSERT_TRUE(WaitFor([&] { return client.FramesOf(own).size() == 2; }));
+  EXPECT_EQ(client.FramesOf(own), (std::vector<std::string>{"echo:back-1", "echo:back-2"}));
 }
 
 TEST(UnixIpcManagerTest, StopEndsClientRetryWaitAtOnce) {
