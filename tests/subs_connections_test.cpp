@@ -16,7 +16,6 @@
 
 using namespace Tavo::Bpf;
 using subs_test::Frame;
-using subs_test::Register;
 using subs_test::Reply;
 using subs_test::RequestRecord;
 
@@ -107,29 +106,6 @@ TEST(SubsCallbacks, ReplyNeedsTwentyNineFreeBytes) {
   EXPECT_EQ(roomy.state.length, 99);
   EXPECT_EQ(roomy.Written().substr(71), Reply(1, 0));
   EXPECT_EQ(log.Count("Send data size too big! "), 1);
-}
-
-TEST(SubsCallbacks, TwoRequestsInOneReadAreAnsweredInOrder) {
-  Buffer receive(512);
-  Buffer send(512);
-  receive.Put(Register(11, 5) + Frame(0, RequestRecord(12, "bogus", 6)));
-  EXPECT_EQ(Service()->onClientLibReadable(3, &receive.state, &send.state), 0);
-  EXPECT_EQ(receive.state.cursor, receive.state.length);
-  EXPECT_EQ(send.Written(), Reply(11, 0) + Reply(12, -1));
-}
-
-TEST(SubsCallbacks, HalfARequestWaitsForTheRest) {
-  const std::string frame = Register(21, 7);
-  Buffer receive(512);
-  Buffer send(512);
-  receive.Put(frame.substr(0, 30));
-  EXPECT_EQ(Service()->onClientLibReadable(3, &receive.state, &send.state), 0);
-  EXPECT_EQ(receive.state.cursor, 0);
-  EXPECT_EQ(send.state.length, 0);
-  receive.Put(frame.substr(30));
-  EXPECT_EQ(Service()->onClientLibReadable(3, &receive.state, &send.state), 0);
-  EXPECT_EQ(receive.state.cursor, static_cast<int64_t>(frame.size()));
-  EXPECT_EQ(send.Written(), Reply(21, 0));
 }
 
 TEST(SubsCallbacks, RejectedFrameIsLoggedWithHexdumpAndStops) {
