@@ -139,15 +139,6 @@ TEST(TaskProcReader, StartupScanRegistersAProcessWithItsKnownFacts) {
   for (const auto& r : records) ASSERT_EQ(r.size(), 88u);
 }
 
-TEST(TaskProcReader, GetProcessInfoReadsNameAndParent) {
-  ProbeChild child;
-  UpdateProcessExdata info;
-  ASSERT_EQ(TavoBpfService::GetInstance()->getProcessInfo(child.pid, &info), 0);
-  EXPECT_EQ(info.pid, child.pid);
-  EXPECT_EQ(info.ppid, getpid());
-  EXPECT_STREQ(info.comm, "tavo_probe");
-}
-
 TEST(TaskProcReader, VanishedPidFailsAndLeavesResultAlone) {
   const pid_t child = fork();
   if (child == 0) _exit(0);
