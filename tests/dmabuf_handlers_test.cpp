@@ -16,6 +16,7 @@
 #include "service/tavo_bpf_exit_queue.h"
 #include "service/tavo_bpf_service.h"
 #include "task/tavo_bpf_task_manager.h"
+#include "tests/support/children.h"
 #include "tests/support/frames.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/service_peer.h"
@@ -248,10 +249,8 @@ TEST(DmabufRecord, ShortRecordsAreRefusedWithAnErrorLine) {
 // When more exits arrive between two records than the hand-off holds, the
 // tables are swept for pids that no longer exist.
 TEST(DmabufExit, OverflowSweepsDeadPidsAndKeepsLiveOnes) {
-  const pid_t dead = fork();
-  ASSERT_GE(dead, 0);
-  if (dead == 0) _exit(0);
-  ASSERT_EQ(waitpid(dead, nullptr, 0), dead);
+  const pid_t dead = tavo_test::ReapedPid();
+  ASSERT_GT(dead, 0);
   const int32_t alive = getpid();
   Apply(Use(A, dead, 1, 4096));
   Apply(Map(M, alive, 0xa, 2, 8192));

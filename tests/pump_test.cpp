@@ -15,6 +15,7 @@
 #include "bpf/tavo_bpf_records.h"
 #include "include/tavo_bpf_service_main.h"
 #include "state/tavo_bpf_state.h"
+#include "tests/support/children.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/pump_test_object.h"
 #include "tests/support/service_peer.h"
@@ -31,11 +32,8 @@ constexpr const char* kNormal = "TavoBpfDefineset";
 constexpr const char* kGpl = "TavoBpfGplDefineset";
 constexpr uint64_t kForeignBits = 0xab0000000008ULL;  // bits the pump must keep
 
-void ForkOnce() {
-  const pid_t child = fork();
-  if (child == 0) _exit(0);
-  if (child > 0) waitpid(child, nullptr, 0);
-}
+// Each fork makes the test producer write one record.
+void ForkOnce() { tavo_test::ReapedPid(); }
 
 // Records of one type counted by the event recorder over the whole window.
 uint64_t Counted(int type) {
