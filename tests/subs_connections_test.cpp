@@ -119,12 +119,10 @@ TEST(SubsCallbacks, RejectedFrameIsLoggedWithHexdumpAndStops) {
   receive.Put(Frame(2, "\x01\xff") + Frame(2, ""));
   EXPECT_EQ(Service()->onClientLibReadable(3, &receive.state, &send.state), -1);
   EXPECT_EQ(receive.state.cursor, 0);
-  EXPECT_EQ(log.Count("[TavoBpfService] Resv event: bufferCursor (0), numSize (8), dataSize (10), readCount (34)",
-                      ANDROID_LOG_ERROR),
-            1);
-  EXPECT_EQ(log.Count("[TavoBpfService] BUFFER HEXDUMP: 0a 00 00 00 00 00 00 00 02 00 00 00 02 00 00 00 01 ff ",
-                      ANDROID_LOG_ERROR),
-            1);
+  tavo_test::ExpectLogged(log, {
+      {"[TavoBpfService] Resv event: bufferCursor (0), numSize (8), dataSize (10), readCount (34)", ANDROID_LOG_ERROR, 1},
+      {"[TavoBpfService] BUFFER HEXDUMP: 0a 00 00 00 00 00 00 00 02 00 00 00 02 00 00 00 01 ff ", ANDROID_LOG_ERROR, 1},
+  });
 }
 
 TEST(SubsCallbacks, EventsReachSubscribersInSubscriptionOrderAndCloseDropsThem) {
