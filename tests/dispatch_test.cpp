@@ -27,14 +27,6 @@ uint32_t CountNow(int type) {
   return state->getCounter(state->getCurrentIndex(), type);
 }
 
-// The bytes a client queue would put on the wire.
-std::string Drain(IpcPackageManager& queue) {
-  std::vector<char> block(4096);
-  BufferState buffer{0, 0, static_cast<int64_t>(block.size()), block.data()};
-  queue.fillIpcPackageToBuffer(&buffer);
-  return std::string(block.data(), static_cast<size_t>(buffer.length));
-}
-
 std::string Frame3(const std::vector<char>& record) {
   return tavo_test::Frame(3, std::string(record.begin(), record.end()));
 }
@@ -77,7 +69,7 @@ TEST(Dispatch, TypesWithoutHandlerAreCountedAndForwarded) {
     EXPECT_EQ(CountNow(static_cast<int>(type)), before + 1);
   }
   // Only the subscribed type reaches the client: one command-3 frame.
-  EXPECT_EQ(Drain(queue), Frame3(Record(5, 40)));
+  EXPECT_EQ(tavo_test::WireBytes(queue), Frame3(Record(5, 40)));
 }
 
 TEST(Dispatch, HandlerTableHoldsTheTwelveHandledTypes) {
@@ -95,5 +87,5 @@ TEST(Dispatch, PassthroughOnlyForwards) {
   const uint32_t before = CountNow(15);
   EXPECT_EQ(TavoBpfService::handleBpfPassthrough(nullptr, record.data(), record.size()), 0);
   EXPECT_EQ(CountNow(15), before);
-  EXPECT_EQ(Drain(queue), Frame3(record));
+  EXPECT_EQ(tavo_test::WireBytes(queue), Frame3(record));
 }

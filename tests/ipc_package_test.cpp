@@ -17,15 +17,7 @@
 
 namespace {
 
-// A BufferState over a vector the test owns.
-struct TestBuffer {
-  explicit TestBuffer(int64_t capacity) : bytes(static_cast<size_t>(capacity), 0) {
-    state.capacity = capacity;
-    state.data = bytes.data();
-  }
-  std::vector<char> bytes;
-  BufferState state;
-};
+using tavo_test::TestBuffer;
 
 template <typename T>
 T ReadAt(const char* p, size_t offset) {
@@ -34,11 +26,7 @@ T ReadAt(const char* p, size_t offset) {
   return value;
 }
 
-void PutFrame(TestBuffer& b, uint32_t command, const std::string& data) {
-  const std::string frame = tavo_test::Frame(command, data);
-  memcpy(b.state.data + b.state.length, frame.data(), frame.size());
-  b.state.length += static_cast<int64_t>(frame.size());
-}
+void PutFrame(TestBuffer& b, uint32_t command, const std::string& data) { b.Put(tavo_test::Frame(command, data)); }
 
 TEST(IpcBufferTest, CheckIpcPackageCompleteEdges) {
   struct Case {
@@ -92,11 +80,8 @@ TEST(IpcPackageManagerTest, CommandPackageLayoutAndCodes) {
   EXPECT_TRUE(queue.buildAndAppendSecondIpcPackage(3, "abc", 3));
   TestBuffer b(64);
   ASSERT_TRUE(queue.fillNextIpcPackageToBuffer(&b.state));
-  EXPECT_EQ(b.state.length, 8 + 8 + 3);
-  EXPECT_EQ(ReadAt<int64_t>(b.state.data, 0), 11);
-  EXPECT_EQ(ReadAt<uint32_t>(b.state.data, 8), 3u);
-  EXPECT_EQ(ReadAt<uint32_t>(b.state.data, 12), 3u);
-  EXPECT_EQ(std::string(b.state.data + 16, 3), "abc");
+  const std::string frame("\x0b\0\0\0\0\0\0\0\x03\0\0\0\x03\0\0\0abc", 19);
+  EXPECT_EQ(b.Written(), frame);
   EXPECT_FALSE(queue.fillNextIpcPackageToBuffer(&b.state));  // empty queue
 }
 

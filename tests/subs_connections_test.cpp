@@ -21,20 +21,7 @@ using subs_test::RequestRecord;
 
 namespace {
 
-// A heap buffer as the socket layer keeps one.
-struct Buffer {
-  explicit Buffer(size_t capacity) : block(capacity) {
-    state.capacity = static_cast<int64_t>(capacity);
-    state.data = block.data();
-  }
-  void Put(const std::string& bytes) {
-    memcpy(block.data() + state.length, bytes.data(), bytes.size());
-    state.length += static_cast<int64_t>(bytes.size());
-  }
-  std::string Written() const { return std::string(block.data(), static_cast<size_t>(state.length)); }
-  std::vector<char> block;
-  BufferState state;
-};
+using Buffer = tavo_test::TestBuffer;
 
 TavoBpfService* Service() { return TavoBpfService::GetInstance(); }
 

@@ -35,6 +35,28 @@ inline std::string Frame(uint32_t command, const std::string& data) {
   return out + data;
 }
 
+// A BufferState over a block the test owns, as the socket layer keeps one.
+struct TestBuffer {
+  explicit TestBuffer(size_t capacity) : bytes(capacity, 0) {
+    state.capacity = static_cast<int64_t>(capacity);
+    state.data = bytes.data();
+  }
+  void Put(const std::string& data) {
+    memcpy(state.data + state.length, data.data(), data.size());
+    state.length += static_cast<int64_t>(data.size());
+  }
+  std::string Written() const { return std::string(bytes.data(), static_cast<size_t>(state.length)); }
+  std::vector<char> bytes;
+  BufferState state{};
+};
+
+// The bytes a send queue puts on the wire now; takes them out.
+inline std::string WireBytes(IpcPackageManager& queue) {
+  TestBuffer buffer(1 << 16);
+  queue.fillIpcPackageToBuffer(&buffer.state);
+  return buffer.Written();
+}
+
 template <typename Record>
 std::string AsString(const Record& r) {
   return std::string(reinterpret_cast<const char*>(&r), sizeof(r));
@@ -43,20 +65,18 @@ std::string AsString(const Record& r) {
 // Payloads of the command-3 frames waiting in a send queue; takes them out.
 inline std::vector<std::string> DrainPayloads(IpcPackageManager& queue) {
   std::vector<std::string> out;
-  std::vector<char> block(1 << 16);
-  BufferState buffer{0, 0, static_cast<int64_t>(block.size()), block.data()};
-  queue.fillIpcPackageToBuffer(&buffer);
-  for (size_t pos = 0; pos + 16 <= static_cast<size_t>(buffer.length);) {
+  const std::string block = WireBytes(queue);
+  for (size_t pos = 0; pos + 16 <= block.size();) {
     int64_t frame;
     uint32_t command, length;
     memcpy(&frame, &block[pos], 8);
     memcpy(&command, &block[pos + 8], 4);
     memcpy(&length, &block[pos + 12], 4);
-    if (frame != 8 + static_cast<int64_t>(length) || pos + 8 + frame > static_cast<size_t>(buffer.length)) {
+    if (frame != 8 + static_cast<int64_t>(length) || pos + 8 + frame > block.size()) {
       out.push_back("<malformed frame>");
       break;
     }
-    if (command == 3) out.emplace_back(&block[pos + 16], length);
+    if (command == 3) out.push_back(block.substr(pos + 16, length));
     pos += 8 + static_cast<size_t>(frame);
   }
   return out;
