@@ -26,13 +26,6 @@ std::string SocketName() {
   return std::string("/mnt/bpfframework/ipc-test-") + info->name() + "-" + std::to_string(getpid());
 }
 
-cpu_set_t AllCpus() {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  sched_getaffinity(0, sizeof(set), &set);
-  return set;
-}
-
 // One end (server or client) recording what it sees; sends what is queued.
 struct Endpoint {
   enum class ReadMode { kFrames, kEcho, kNothing, kEchoThenFail };
@@ -81,7 +74,7 @@ struct Endpoint {
       return 0;
     };
     ipc = std::make_unique<UnixIpcManager>(server, bufferSize, path, handlers,
-                                           server ? "IpcSrvT" : "IpcCliT", AllCpus(), 10, 32);
+                                           server ? "IpcSrvT" : "IpcCliT", tavo_test::AllCpus(), 10, 32);
   }
 
   bool Queue(int fd, const std::string& data) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <dirent.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -22,6 +23,14 @@ inline bool WaitFor(const std::function<bool()>& done, int timeoutMs = 3000) {
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
+}
+
+// The CPUs this process may run on.
+inline cpu_set_t AllCpus() {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  sched_getaffinity(0, sizeof(set), &set);
+  return set;
 }
 
 // Thread id of this process's thread named `name`, or -1.
