@@ -48,11 +48,6 @@ TEST(ConvertVersion, Table) {
   for (const auto& c : cases) EXPECT_EQ(convertVersionToInt(c.version), c.expected) << c.version;
 }
 
-TEST(IsBpfProg, OnlyProgPrefix) {
-  for (std::string yes : {"prog_a", "prog_"}) EXPECT_TRUE(IsBpfProg(yes)) << yes;
-  for (std::string no : {"map_a", "prog", "", "xprog_a"}) EXPECT_FALSE(IsBpfProg(no)) << no;
-}
-
 // One kernel version per process: the property is process-wide.
 struct VersionCase {
   const char* version;  // nullptr: property absent
