@@ -86,17 +86,15 @@ struct Endpoint {
     std::lock_guard<std::mutex> guard(lock);
     return frames[fd];
   }
-  size_t Count(const std::vector<int>& list) {
+  // Copies of the descriptors seen so far (or -1 past the end).
+  std::vector<int> Snapshot(const std::vector<int>& list) {
     std::lock_guard<std::mutex> guard(lock);
-    return list.size();
+    return list;
   }
+  size_t Count(const std::vector<int>& list) { return Snapshot(list).size(); }
   int At(const std::vector<int>& list, size_t i) {
-    std::lock_guard<std::mutex> guard(lock);
-    return i < list.size() ? list[i] : -1;
-  }
-  int FirstConnected() {
-    std::lock_guard<std::mutex> guard(lock);
-    return connected.empty() ? -1 : connected.front();
+    const auto copy = Snapshot(list);
+    return i < copy.size() ? copy[i] : -1;
   }
 
   std::mutex lock;
@@ -117,8 +115,8 @@ struct Session {
     server.ipc->start();
     WaitFor([&] { return server.ipc->getSocketFd() >= 0; });
     peer = std::make_unique<RawPeer>(path);
-    WaitFor([&] { return server.FirstConnected() >= 0; });
-    fd = server.FirstConnected();
+    WaitFor([&] { return server.At(server.connected, 0) >= 0; });
+    fd = server.At(server.connected, 0);
   }
   Endpoint server;
   std::unique_ptr<RawPeer> peer;
