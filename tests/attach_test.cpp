@@ -17,10 +17,6 @@ namespace {
 constexpr const char* kNormal = "TavoBpfDefineset";
 constexpr const char* kGpl = "TavoBpfGplDefineset";
 
-int Count(const tavo_test::LogCapture& log, const std::string& text, int priority) {
-  return log.Count(text, priority);
-}
-
 class AttachWithObject : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -52,11 +48,6 @@ TEST(ConvertVersion, Table) {
   for (const auto& c : cases) EXPECT_EQ(convertVersionToInt(c.version), c.expected) << c.version;
 }
 
-TEST(IsBpfProg, OnlyProgPrefix) {
-  for (std::string yes : {"prog_a", "prog_"}) EXPECT_TRUE(IsBpfProg(yes)) << yes;
-  for (std::string no : {"map_a", "prog", "", "xprog_a"}) EXPECT_FALSE(IsBpfProg(no)) << no;
-}
-
 // One kernel version per process: the property is process-wide.
 struct VersionCase {
   const char* version;  // nullptr: property absent
@@ -79,13 +70,13 @@ TEST_P(AttachByVersion, RowsSkippedOrTried) {
   tavo_test::LogCapture log;
   EXPECT_EQ(AttachAllTavoBpfProgram(TavoBpfService::BPF_FS_PATH, TavoBpfService::PROG_GPL_EVENT_MAP),
             c.gplAttempted);
-  EXPECT_EQ(Count(log, "Skip bpf prog: TavoBpfGplDefineset, progName: ", ANDROID_LOG_WARN), c.gplSkipped);
-  EXPECT_EQ(Count(log, "Attach bpf prog start: TavoBpfGplDefineset", ANDROID_LOG_INFO), c.gplAttempted);
+  EXPECT_EQ(log.Count("Skip bpf prog: TavoBpfGplDefineset, progName: ", ANDROID_LOG_WARN), c.gplSkipped);
+  EXPECT_EQ(log.Count("Attach bpf prog start: TavoBpfGplDefineset", ANDROID_LOG_INFO), c.gplAttempted);
   const int kernel = convertVersionToInt(c.version == nullptr ? "0.0" : c.version);
   // The 6.1 and 6.6 dma-buf rows exclude each other.
-  EXPECT_EQ(Count(log, "_6_1, kernelCompat: 6.1", ANDROID_LOG_WARN), kernel == 6001 ? 0 : 9);
-  EXPECT_EQ(Count(log, "_6_6, kernelCompat: 6.6", ANDROID_LOG_WARN), kernel == 6006 ? 0 : 9);
-  EXPECT_EQ(Count(log, "Error format!", -1), 0);
+  EXPECT_EQ(log.Count("_6_1, kernelCompat: 6.1", ANDROID_LOG_WARN), kernel == 6001 ? 0 : 9);
+  EXPECT_EQ(log.Count("_6_6, kernelCompat: 6.6", ANDROID_LOG_WARN), kernel == 6006 ? 0 : 9);
+  EXPECT_EQ(log.Count("Error format!", -1), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -120,23 +111,18 @@ TEST_F(AttachWithObject, NormalTableOnThisKernel) {
   tavo_test::LogCapture log;
   // Only the two probe rows fail: their programs are not pinned.
   EXPECT_EQ(AttachAllTavoBpfProgram(TavoBpfService::BPF_FS_PATH, TavoBpfService::PROG_EVENT_MAP), 2);
-  EXPECT_EQ(log.Count("Attach bpf prog start: TavoBpfDefineset, progName: ", ANDROID_LOG_INFO), 6);
-  EXPECT_EQ(log.Count("Attach tracepoint prog failed", -1), 0);
-  EXPECT_EQ(log.Count("[AttachKProbeProgram] Retrieve kprobe prog failed: enter_fd_install, function: fd_install",
-                      ANDROID_LOG_ERROR),
-            1);
-  EXPECT_EQ(log.Count("Attach kprobe prog failed: TavoBpfDefineset, progname: enter_fd_install, msg: No such file "
-                      "or directory",
-                      ANDROID_LOG_ERROR),
-            1);
-  EXPECT_EQ(log.Count("[AttachKProbeProgram] Retrieve kretprobe prog failed: return_filp_close, function: "
-                      "filp_close",
-                      ANDROID_LOG_ERROR),
-            1);
-  EXPECT_EQ(log.Count("Attach kretprobe prog failed: TavoBpfDefineset, progname: return_filp_close, msg: No such "
-                      "file or directory",
-                      ANDROID_LOG_ERROR),
-            1);
+  tavo_test::ExpectLogged(log, {
+      {"Attach bpf prog start: TavoBpfDefineset, progName: ", ANDROID_LOG_INFO, 6},
+      {"Attach tracepoint prog failed", -1, 0},
+      {"[AttachKProbeProgram] Retrieve kprobe prog failed: enter_fd_install, function: fd_install",
+       ANDROID_LOG_ERROR, 1},
+      {"Attach kprobe prog failed: TavoBpfDefineset, progname: enter_fd_install, msg: No such file "
+       "or directory", ANDROID_LOG_ERROR, 1},
+      {"[AttachKProbeProgram] Retrieve kretprobe prog failed: return_filp_close, function: "
+       "filp_close", ANDROID_LOG_ERROR, 1},
+      {"Attach kretprobe prog failed: TavoBpfDefineset, progname: return_filp_close, msg: No such "
+       "file or directory", ANDROID_LOG_ERROR, 1},
+  });
   int errors = 0;
   for (const auto& line : log.Lines()) errors += line.priority == ANDROID_LOG_ERROR && line.tag == "BpfUtils";
   EXPECT_EQ(errors, 4);
@@ -150,21 +136,15 @@ TEST_F(AttachWithObject, PinnedProbesFailWithoutKprobes) {
                                            {2, {{"return_filp_close", "filp_close", "", "5.0+"}}}}}};
   tavo_test::LogCapture log;
   EXPECT_EQ(AttachAllTavoBpfProgram(TavoBpfService::BPF_FS_PATH, table), 2);
-  EXPECT_EQ(log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: progName: enter_fd_install, functionName: "
-                      "fd_install",
-                      ANDROID_LOG_INFO),
-            1);
-  EXPECT_EQ(log.Count("[AttachKProbeProgram] Attach kretprobe prog: return: progName: return_filp_close, "
-                      "functionName: filp_close",
-                      ANDROID_LOG_INFO),
-            1);
-  EXPECT_EQ(log.Count("Attach kprobe prog failed: TavoBpfDefineset, progname: enter_fd_install, msg: ",
-                      ANDROID_LOG_ERROR),
-            1);
-  EXPECT_EQ(log.Count("Attach kretprobe prog failed: TavoBpfDefineset, progname: return_filp_close, msg: ",
-                      ANDROID_LOG_ERROR),
-            1);
-  EXPECT_EQ(log.Count("Retrieve", -1), 0);
+  tavo_test::ExpectLogged(log, {
+      {"[AttachKProbeProgram] Attach kprobe prog: enter: progName: enter_fd_install, functionName: "
+       "fd_install", ANDROID_LOG_INFO, 1},
+      {"[AttachKProbeProgram] Attach kretprobe prog: return: progName: return_filp_close, "
+       "functionName: filp_close", ANDROID_LOG_INFO, 1},
+      {"Attach kprobe prog failed: TavoBpfDefineset, progname: enter_fd_install, msg: ", ANDROID_LOG_ERROR, 1},
+      {"Attach kretprobe prog failed: TavoBpfDefineset, progname: return_filp_close, msg: ", ANDROID_LOG_ERROR, 1},
+      {"Retrieve", -1, 0},
+  });
 }
 
 TEST_F(AttachWithObject, TracepointForms) {
@@ -184,12 +164,11 @@ TEST_F(AttachWithObject, TracepointForms) {
   EXPECT_EQ(AttachTracepointProgram(dir, kGpl, "sched_absent", "sched", "absent"), -1);
   EXPECT_EQ(AttachTracepointProgram(dir, "prog_absent", "sched", "absent"), -1);
   EXPECT_EQ(AttachTracepointProgram(dir, "prog_absent", "sched_absent"), -1);
-  EXPECT_EQ(log.Count("[AttachTracepointProgram] Retrieve tracepoint prog failed: sched_absent", ANDROID_LOG_ERROR),
-            2);
-  EXPECT_EQ(log.Count("[AttachTracepointProgram] Retrieve tracepoint prog failed, subSystem: sched, eventName: "
-                      "absent",
-                      ANDROID_LOG_ERROR),
-            1);
+  tavo_test::ExpectLogged(log, {
+      {"[AttachTracepointProgram] Retrieve tracepoint prog failed: sched_absent", ANDROID_LOG_ERROR, 2},
+      {"[AttachTracepointProgram] Retrieve tracepoint prog failed, subSystem: sched, eventName: "
+       "absent", ANDROID_LOG_ERROR, 1},
+  });
 }
 
 TEST_F(AttachWithObject, DirectoryForm) {
@@ -201,23 +180,17 @@ TEST_F(AttachWithObject, DirectoryForm) {
   tavo_test::LogCapture log;
   // The kprobe cannot attach here; the kretprobe type is unknown to this form.
   EXPECT_EQ(AttachAllTavoBpfProgram(TavoBpfService::BPF_FS_PATH), 1);
-  EXPECT_EQ(log.Count("Attach bpf prog (prog_TavoBpfDefineset_tracepoint_sched_sched_switch, type: tracepoint) to "
-                      "sched_sched_switch",
-                      ANDROID_LOG_INFO),
-            1);
-  EXPECT_EQ(log.Count("Attach tracepoint prog failed", -1), 0);
-  EXPECT_EQ(log.Count("[AttachKProbeProgram] Attach kprobe prog: enter: eventType: enter, eventName: fd_install",
-                      ANDROID_LOG_INFO),
-            1);
-  EXPECT_EQ(log.Count("Attach kprobe prog failed: prog_TavoBpfDefineset_kprobe_enter_fd_install, type: kprobe, msg: ",
-                      ANDROID_LOG_ERROR),
-            1);
-  EXPECT_EQ(log.Count("(UNKNOW TYPE) attach prog failed: prog_TavoBpfDefineset_kretprobe_return_filp_close, type: "
-                      "kretprobe",
-                      ANDROID_LOG_ERROR),
-            1);
-  EXPECT_EQ(log.Count("prog_short_name", -1), 0);
-  EXPECT_EQ(log.Count("map_", -1), 0);
+  tavo_test::ExpectLogged(log, {
+      {"Attach bpf prog (prog_TavoBpfDefineset_tracepoint_sched_sched_switch, type: tracepoint) to "
+       "sched_sched_switch", ANDROID_LOG_INFO, 1},
+      {"Attach tracepoint prog failed", -1, 0},
+      {"[AttachKProbeProgram] Attach kprobe prog: enter: eventType: enter, eventName: fd_install", ANDROID_LOG_INFO, 1},
+      {"Attach kprobe prog failed: prog_TavoBpfDefineset_kprobe_enter_fd_install, type: kprobe, msg: ", ANDROID_LOG_ERROR, 1},
+      {"(UNKNOW TYPE) attach prog failed: prog_TavoBpfDefineset_kretprobe_return_filp_close, type: "
+       "kretprobe", ANDROID_LOG_ERROR, 1},
+      {"prog_short_name", -1, 0},
+      {"map_", -1, 0},
+  });
 }
 
 TEST(AttachKProbe, UnknownKindInDerivedForm) {

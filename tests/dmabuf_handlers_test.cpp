@@ -16,6 +16,8 @@
 #include "service/tavo_bpf_exit_queue.h"
 #include "service/tavo_bpf_service.h"
 #include "task/tavo_bpf_task_manager.h"
+#include "tests/support/children.h"
+#include "tests/support/frames.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/service_peer.h"
 
@@ -84,35 +86,16 @@ void Apply(const Step& step) {
   ASSERT_EQ(TavoBpfService::handleBpfRingBuffEvent(nullptr, bytes.data(), bytes.size()), 0);
 }
 
-// Every frame queued for the client: 8-byte length, command 3, data length,
-// then the 40-byte notice.
-std::vector<tavo_notice_dmabuf_total> DrainNotices(IpcPackageManager& queue) {
-  std::vector<char> block(1 << 16);
-  BufferState buffer{0, 0, static_cast<int64_t>(block.size()), block.data()};
-  queue.fillIpcPackageToBuffer(&buffer);
-  std::vector<tavo_notice_dmabuf_total> out;
-  for (int64_t at = 0; at < buffer.length;) {
-    int64_t frame;
-    uint32_t command, length;
-    memcpy(&frame, block.data() + at, 8);
-    memcpy(&command, block.data() + at + 8, 4);
-    memcpy(&length, block.data() + at + 12, 4);
-    EXPECT_EQ(frame, 48);
-    EXPECT_EQ(command, 3u);
-    EXPECT_EQ(length, 40u);
-    if (frame != 48 || at + 8 + frame > buffer.length) break;
-    tavo_notice_dmabuf_total notice;
-    memcpy(&notice, block.data() + at + 16, sizeof(notice));
-    out.push_back(notice);
-    at += 8 + frame;
+// (pid, total) of each 50005 notice a subscribed client got since the last call.
+Notices Drain(tavo_test::NoticeSink& sink) {
+  Notices out;
+  for (const std::string& payload : sink.Take()) {
+    tavo_notice_dmabuf_total notice{};
+    EXPECT_EQ(payload.size(), sizeof(notice));
+    memcpy(&notice, payload.data(), std::min(payload.size(), sizeof(notice)));
+    out.emplace_back(notice.pid, notice.total);
   }
   return out;
-}
-
-IpcPackageManager& Subscribe() {
-  IpcPackageManager& queue = TavoBpfServiceTestPeer::AddClient(TavoBpfService::GetInstance(), kClientFd);
-  EventManager::GetInstance()->AddObserverEvent(kClientFd, TAVO_NOTICE_DMABUF_TOTAL);
-  return queue;
 }
 
 void Register(int32_t pid, uint32_t uid, const char* comm) {
@@ -131,96 +114,51 @@ constexpr uint32_t M = TAVO_EVENT_DMABUF_MMAP, MU = TAVO_EVENT_DMABUF_MUNMAP;
 const Case kCases[] = {
     {"AttachTwiceDetachTwice",
      {Use(A, 100, 1, 4096), Use(A, 100, 1, 4096), Use(D, 100, 1, 4096), Use(D, 100, 1, 4096)},
-     {{100, 4096}, {100, 0}},
-     {{100, 0}},
-     {{100, {}}},
-     {}},
-    {"TwoProcessesAreBothCharged",
-     {Use(A, 100, 1, 4096), Use(A, 200, 1, 4096)},
-     {{100, 4096}, {200, 4096}},
-     {{100, 4096}, {200, 4096}},
-     {{100, {{1, 1}}}, {200, {{1, 1}}}},
-     {}},
+     {{100, 4096}, {100, 0}}, {{100, 0}}, {{100, {}}}, {}},
+    {"TwoProcessesAreBothCharged", {Use(A, 100, 1, 4096), Use(A, 200, 1, 4096)},
+     {{100, 4096}, {200, 4096}}, {{100, 4096}, {200, 4096}}, {{100, {{1, 1}}}, {200, {{1, 1}}}}, {}},
     {"ReleaseOfDoublyAttachedBufferUnchargesOnce",
      {BufSetup(1, 4096), Use(A, 100, 1, 4096), Use(A, 100, 1, 4096), Release(1), Use(D, 100, 1, 4096)},
-     {{100, 4096}, {100, 0}},
-     {{100, 0}},
-     {{100, {}}},
-     {}},
+     {{100, 4096}, {100, 0}}, {{100, 0}}, {{100, {}}}, {}},
     {"ReleaseUnchargesEveryHolderByTheSetupSize",
      {BufSetup(1, 4096), Use(A, 200, 1, 4096), Use(A, 100, 1, 4096), Use(A, 100, 2, 10), Release(1)},
-     {{200, 4096}, {100, 4096}, {100, 4106}, {100, 10}, {200, 0}},
-     {{100, 10}, {200, 0}},
-     {{100, {{2, 1}}}, {200, {}}},
-     {}},
+     {{200, 4096}, {100, 4096}, {100, 4106}, {100, 10}, {200, 0}}, {{100, 10}, {200, 0}},
+     {{100, {{2, 1}}}, {200, {}}}, {}},
     {"ReleaseOfUnknownBufferSubtractsZeroAndNotifiesEveryHolder",
      {Use(A, 100, 9, 1000), Use(A, 200, 9, 1000), Release(9)},
-     {{100, 1000}, {200, 1000}, {100, 1000}, {200, 1000}},
-     {{100, 1000}, {200, 1000}},
-     {{100, {}}, {200, {}}},
-     {}},
+     {{100, 1000}, {200, 1000}, {100, 1000}, {200, 1000}}, {{100, 1000}, {200, 1000}}, {{100, {}}, {200, {}}}, {}},
     {"MunmapWithUnknownAndRepeatedKeys",
      {Map(M, 100, 0xa, 1, 4096), Map(M, 100, 0xb, 1, 4096), Map(MU, 100, 0xc, 0, 4096),
       Map(MU, 300, 0xa, 0, 4096), Map(MU, 100, 0xa, 0, 4096), Map(MU, 100, 0xa, 0, 4096),
       Map(MU, 100, 0xb, 0, 4096)},
-     {{100, 4096}},
-     {{100, 4096}},
-     {{100, {{1, 1}}}},
-     {{100, {}}}},
-    {"MmapThenMunmapUnchargesThroughTheKey",
-     {Map(M, 100, 0xa, 2, 8192), Map(MU, 100, 0xa, 0, 8192)},
-     {{100, 8192}, {100, 0}},
-     {{100, 0}},
-     {{100, {}}},
-     {{100, {}}}},
-    {"MismatchedDetachSizeStaysInTheTotal",
-     {Use(A, 100, 1, 4096), Use(D, 100, 1, 1024)},
-     {{100, 4096}, {100, 3072}},
-     {{100, 3072}},
-     {{100, {}}},
-     {}},
+     {{100, 4096}}, {{100, 4096}}, {{100, {{1, 1}}}}, {{100, {}}}},
+    {"MmapThenMunmapUnchargesThroughTheKey", {Map(M, 100, 0xa, 2, 8192), Map(MU, 100, 0xa, 0, 8192)},
+     {{100, 8192}, {100, 0}}, {{100, 0}}, {{100, {}}}, {{100, {}}}},
+    {"MismatchedDetachSizeStaysInTheTotal", {Use(A, 100, 1, 4096), Use(D, 100, 1, 1024)},
+     {{100, 4096}, {100, 3072}}, {{100, 3072}}, {{100, {}}}, {}},
     {"VmapSharesTheUseCountWithAttach",
      {Use(V, 100, 1, 4096), Use(A, 100, 1, 4096), Use(VU, 100, 1, 4096), Use(VU, 100, 1, 4096)},
-     {{100, 4096}, {100, 0}},
-     {{100, 0}},
-     {{100, {}}},
-     {}},
+     {{100, 4096}, {100, 0}}, {{100, 0}}, {{100, {}}}, {}},
     {"DropWithoutUseChangesNothing",
      {Use(D, 300, 1, 4096), Use(VU, 300, 1, 4096), Use(A, 100, 1, 4096), Use(D, 100, 2, 4096)},
-     {{100, 4096}},
-     {{100, 4096}},
-     {{100, {{1, 1}}}},
-     {}},
+     {{100, 4096}}, {{100, 4096}}, {{100, {{1, 1}}}}, {}},
     {"ExitPurgesSoAReusedPidStartsAtZero",
      {Map(M, 100, 0xa, 1, 4096), Use(A, 100, 2, 10, 5), Exit(100, 20), Use(A, 100, 3, 100, 30)},
-     {{100, 4096}, {100, 4106}, {100, 100}},
-     {{100, 100}},
-     {{100, {{3, 1}}}},
-     {}},
-    {"ExitOlderThanALaterUseKeepsTheEntries",
-     {Use(A, 100, 1, 4096, 50), Exit(100, 40), Use(A, 200, 2, 1, 60)},
-     {{100, 4096}, {200, 1}},
-     {{100, 4096}, {200, 1}},
-     {{100, {{1, 1}}}, {200, {{2, 1}}}},
-     {}},
-    {"DropAfterExitIsIgnoredWithoutANotice",
-     {Use(A, 100, 1, 4096, 10), Exit(100, 20), Use(D, 100, 1, 4096, 30)},
-     {{100, 4096}},
-     {},
-     {},
-     {}},
+     {{100, 4096}, {100, 4106}, {100, 100}}, {{100, 100}}, {{100, {{3, 1}}}}, {}},
+    {"ExitOlderThanALaterUseKeepsTheEntries", {Use(A, 100, 1, 4096, 50), Exit(100, 40), Use(A, 200, 2, 1, 60)},
+     {{100, 4096}, {200, 1}}, {{100, 4096}, {200, 1}}, {{100, {{1, 1}}}, {200, {{2, 1}}}}, {}},
+    {"DropAfterExitIsIgnoredWithoutANotice", {Use(A, 100, 1, 4096, 10), Exit(100, 20), Use(D, 100, 1, 4096, 30)},
+     {{100, 4096}}, {}, {}, {}},
 };
 
 class DmabufSequence : public testing::TestWithParam<Case> {};
 
 TEST_P(DmabufSequence, TotalsUseCountsAndNotices) {
   const Case& c = GetParam();
-  IpcPackageManager& queue = Subscribe();
+  tavo_test::NoticeSink sink({TAVO_NOTICE_DMABUF_TOTAL}, kClientFd);
   for (const Step& step : c.steps) Apply(step);
   TavoBpfService* service = TavoBpfService::GetInstance();
-  Notices seen;
-  for (const auto& notice : DrainNotices(queue)) seen.emplace_back(notice.pid, notice.total);
-  EXPECT_EQ(seen, c.notices);
+  EXPECT_EQ(Drain(sink), c.notices);
   EXPECT_EQ(TavoBpfServiceTestPeer::ProcessDmabufTotals(service), c.totals);
   EXPECT_EQ(TavoBpfServiceTestPeer::ProcessDmabufRefs(service), c.refs);
   EXPECT_EQ(TavoBpfServiceTestPeer::ProcessDmabufMappings(service), c.mappings);
@@ -236,17 +174,15 @@ INSTANTIATE_TEST_SUITE_P(Handlers, DmabufSequence, testing::ValuesIn(kCases),
                          [](const testing::TestParamInfo<Case>& info) { return info.param.name; });
 
 TEST(DmabufNotice, CarriesUidAndCommOfRegisteredTasksAndZerosOtherwise) {
-  IpcPackageManager& queue = Subscribe();
+  tavo_test::NoticeSink sink({TAVO_NOTICE_DMABUF_TOTAL}, kClientFd);
   Register(100, 10057, "camera.provider");
   Apply(Use(A, 100, 1, 0x123456789));
   Apply(Use(A, 200, 1, 4096));
-  const auto notices = DrainNotices(queue);
-  ASSERT_EQ(notices.size(), 2u);
-  // Built field by field; the layout itself is pinned by the record header.
-  tavo_notice_dmabuf_total expected{50005, 100, 10057, "camera.provider", 0, 0x123456789};
-  EXPECT_EQ(memcmp(&notices[0], &expected, 40), 0);
-  tavo_notice_dmabuf_total unregistered{50005, 200, 0, {}, 0, 4096};
-  EXPECT_EQ(memcmp(&notices[1], &unregistered, 40), 0);
+  // Byte for byte, as the client receives them.
+  EXPECT_EQ(sink.Take(), (std::vector<std::string>{
+                             tavo_test::AsString(tavo_notice_dmabuf_total{50005, 100, 10057, "camera.provider", 0,
+                                                                          0x123456789}),
+                             tavo_test::AsString(tavo_notice_dmabuf_total{50005, 200, 0, {}, 0, 4096})}));
 }
 
 TEST(DmabufRecord, ShortRecordsAreRefusedWithAnErrorLine) {
@@ -270,10 +206,8 @@ TEST(DmabufRecord, ShortRecordsAreRefusedWithAnErrorLine) {
 // When more exits arrive between two records than the hand-off holds, the
 // tables are swept for pids that no longer exist.
 TEST(DmabufExit, OverflowSweepsDeadPidsAndKeepsLiveOnes) {
-  const pid_t dead = fork();
-  ASSERT_GE(dead, 0);
-  if (dead == 0) _exit(0);
-  ASSERT_EQ(waitpid(dead, nullptr, 0), dead);
+  const pid_t dead = tavo_test::ReapedPid();
+  ASSERT_GT(dead, 0);
   const int32_t alive = getpid();
   Apply(Use(A, dead, 1, 4096));
   Apply(Map(M, alive, 0xa, 2, 8192));

@@ -24,6 +24,7 @@
 #include "bpf/tavo_bpf_records.h"
 #include "service/tavo_bpf_exit_queue.h"
 #include "service/tavo_bpf_service.h"
+#include "tests/support/children.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/service_peer.h"
 #include "tests/support/test_env.h"
@@ -193,49 +194,24 @@ TEST(DmabufSeed, MissingMapFailsWithTheErrorLine) {
 }
 
 // A child that holds exactly `extra` descriptors plus the one it waits on.
-class FdChild {
- public:
-  explicit FdChild(int extra) {
-    int wait[2], ready[2];
-    if (pipe2(wait, O_CLOEXEC) != 0 || pipe2(ready, O_CLOEXEC) != 0) return;
-    pid = fork();
-    if (pid == 0) {
-      // Only system calls between fork and exit.
-      prctl(PR_SET_NAME, "tavofdchild");
-      dup2(wait[0], 100);
-      dup2(ready[1], 101);
-      close_range(0, 99, 0);
-      close_range(102, ~0U, 0);
-      for (int i = 0; i < extra; ++i) open("/dev/null", O_RDONLY);
-      close(101);  // the parent sees end of file: setup is done
-      char byte;
-      while (read(100, &byte, 1) < 0 && errno == EINTR) {
-      }
-      _exit(0);
-    }
-    close(wait[0]);
-    close(ready[1]);
-    release.reset(wait[1]);
-    char byte;
-    while (read(ready[0], &byte, 1) < 0 && errno == EINTR) {
-    }
-    close(ready[0]);
-  }
-  ~FdChild() {
-    release.reset();
-    if (pid > 0) waitpid(pid, nullptr, 0);
-  }
-  pid_t pid = -1;
-
- private:
-  unique_fd release;
-};
+tavo_test::ParkedChild FdChild(int extra) {
+  return tavo_test::ParkedChild([extra](int& hold, int& ready) {
+    prctl(PR_SET_NAME, "tavofdchild");
+    dup2(hold, 100);
+    dup2(ready, 101);
+    close_range(0, 99, 0);
+    close_range(102, ~0U, 0);
+    hold = 100, ready = 101;
+    for (int i = 0; i < extra; ++i) open("/dev/null", O_RDONLY);
+    return 0;
+  });
+}
 
 TEST(OpenFdSeed, RealProcessesGetTheirDescriptorCountAndName) {
   TAVO_REQUIRE_ISOLATION();
   TAVO_REQUIRE_BPFFS();
   ASSERT_TRUE(PinHashMap(kOpenFdMap, 4, 48));
-  FdChild one(1), nine(9);
+  tavo_test::ParkedChild one = FdChild(1), nine = FdChild(9);
   ASSERT_GT(one.pid, 0);
   ASSERT_GT(nine.pid, 0);
   tavo_test::LogCapture log;

@@ -39,26 +39,24 @@ class EventCount : public ::testing::Test {
   TavoBpfDataState state{&FakeClock};
 };
 
-TEST_F(EventCount, FreshStateDumpsOneZeroLine) {
-  const auto lines = Lines(state.FormatState());
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0], std::string(kHeading) + "0, 0 ");
-  EXPECT_EQ(lines[1], "0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, ");
-}
-
-TEST_F(EventCount, SameSecondAddsUpAndPollsStayOutOfTheSum) {
-  state.RecordEvent(3, 1);
-  state.RecordEvent(3, 1);
-  state.RecordEvent(15, 1);
-  state.RecordEvent(0, 5);
-  const auto lines = Lines(state.FormatState());
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[1], "7, 5, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, ");
-}
-
-TEST_F(EventCount, OutOfRangeTypesChangeNothing) {
-  for (int type : {16, 100, -1, -2147483647}) state.RecordEvent(type, 1);
-  EXPECT_EQ(Lines(state.FormatState())[1], "0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, ");
+TEST_F(EventCount, OneSecondSumsItsTypesButNotPolls) {
+  const struct {
+    std::vector<std::pair<int, int>> records;  // (type, count)
+    const char* line;
+  } cases[] = {
+      {{}, "0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, "},
+      {{{3, 1}, {3, 1}, {15, 1}, {0, 5}}, "7, 5, 0, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, "},
+      // Out-of-range types change nothing.
+      {{{16, 1}, {100, 1}, {-1, 1}, {-2147483647, 1}}, "0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, "},
+  };
+  for (const auto& c : cases) {
+    TavoBpfDataState fresh(&FakeClock);
+    for (const auto& [type, count] : c.records) fresh.RecordEvent(type, count);
+    const auto lines = Lines(fresh.FormatState());
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], std::string(kHeading) + "0, 0 ");
+    EXPECT_EQ(lines[1], c.line);
+  }
 }
 
 TEST_F(EventCount, GapLeavesZeroSlotsNewestFirst) {

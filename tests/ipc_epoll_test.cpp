@@ -9,19 +9,12 @@
 #include <string>
 
 #include "ipc/epoll_manager.h"
-#include "tests/ipc_test_util.h"
+#include "tests/support/wait.h"
 #include "tests/support/log_capture.h"
 
-using ipc_test::WaitFor;
+using tavo_test::WaitFor;
 
 namespace {
-
-cpu_set_t AllCpus() {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  sched_getaffinity(0, sizeof(set), &set);
-  return set;
-}
 
 struct SocketPair {
   SocketPair() { socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds); }
@@ -65,7 +58,7 @@ TEST(EpollManagerTest, ReadableResultGatesWritableInSamePass) {
   // still runs in this pass only when readable returned 0.
   for (int readResult : {0, 1, -1}) {
     SocketPair pair;
-    EpollManager manager(10, 32, nullptr, "IpcEpollT", AllCpus(), -1);
+    EpollManager manager(10, 32, nullptr, "IpcEpollT", tavo_test::AllCpus(), -1);
     std::atomic<int> reads{0};
     std::atomic<int> writes{0};
     EpollCallback callbacks;
@@ -95,7 +88,7 @@ TEST(EpollManagerTest, WriteReadinessArmedOnlyWhileWanted) {
   tavo_test::LogCapture log;
   SocketPair pair;
   const int fd = pair.fds[0];
-  EpollManager manager(10, 32, nullptr, "IpcEpollT", AllCpus(), -1);
+  EpollManager manager(10, 32, nullptr, "IpcEpollT", tavo_test::AllCpus(), -1);
   std::atomic<int> writes{0};
   std::atomic<int> zeroes{3};
   std::atomic<bool> renotifyOnce{false};
@@ -111,8 +104,8 @@ TEST(EpollManagerTest, WriteReadinessArmedOnlyWhileWanted) {
   };
   ASSERT_TRUE(manager.addMonitorFd(fd, callbacks));
   manager.start();
-  const int tid = ipc_test::FindThread("IpcEpollT");
-  const long cpuBefore = ipc_test::ThreadCpuMs(tid);
+  const int tid = tavo_test::FindThread("IpcEpollT");
+  const long cpuBefore = tavo_test::ThreadCpuMs(tid);
 
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_EQ(writes.load(), 0);  // writable socket, but nobody asked
@@ -126,7 +119,7 @@ TEST(EpollManagerTest, WriteReadinessArmedOnlyWhileWanted) {
   ASSERT_TRUE(WaitFor([&] { return writes.load() >= 6; }));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
   EXPECT_EQ(writes.load(), 6);
-  EXPECT_LT(ipc_test::ThreadCpuMs(tid) - cpuBefore, 200);
+  EXPECT_LT(tavo_test::ThreadCpuMs(tid) - cpuBefore, 200);
 
   EXPECT_TRUE(manager.markWriteEventFinish(fd));
   EXPECT_FALSE(manager.notifyWriteEventReady(999));
@@ -140,7 +133,7 @@ TEST(EpollManagerTest, WriteReadinessArmedOnlyWhileWanted) {
 
 TEST(EpollManagerTest, NotifyTwiceIsOneChange) {
   SocketPair pair;
-  EpollManager manager(10, 32, nullptr, "IpcEpollT", AllCpus(), -1);
+  EpollManager manager(10, 32, nullptr, "IpcEpollT", tavo_test::AllCpus(), -1);
   std::atomic<int> writes{0};
   EpollCallback callbacks;
   callbacks.writable = [&](epoll_event) { return ++writes, -3; };
@@ -156,7 +149,7 @@ TEST(EpollManagerTest, NotifyTwiceIsOneChange) {
 TEST(EpollManagerTest, WriteEventNowRunsUntilDoneOrFailed) {
   tavo_test::LogCapture log;
   SocketPair pair;
-  EpollManager manager(10, 32, nullptr, "IpcEpollT", AllCpus(), -1);
+  EpollManager manager(10, 32, nullptr, "IpcEpollT", tavo_test::AllCpus(), -1);
   EXPECT_FALSE(manager.writeEventNow(pair.fds[0]));
   EXPECT_EQ(log.Count("[EpollManager][notifyWriteEventReady] the socket fd does not exist"), 1);
 
@@ -190,7 +183,7 @@ TEST(EpollManagerTest, WriteEventNowRunsUntilDoneOrFailed) {
 
 TEST(EpollManagerTest, HangUpCallsOnlyClose) {
   SocketPair pair;
-  EpollManager manager(10, 32, nullptr, "IpcEpollT", AllCpus(), -1);
+  EpollManager manager(10, 32, nullptr, "IpcEpollT", tavo_test::AllCpus(), -1);
   std::atomic<int> closes{0};
   std::atomic<int> reads{0};
   EpollCallback callbacks;

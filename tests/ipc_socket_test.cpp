@@ -12,25 +12,18 @@
 
 #include "ipc/ipc_package_manager.h"
 #include "ipc/unix_ipc_manager.h"
-#include "tests/ipc_test_util.h"
+#include "tests/support/frames.h"
 #include "tests/support/log_capture.h"
 
-using ipc_test::Frame;
-using ipc_test::RawPeer;
-using ipc_test::WaitFor;
+using tavo_test::Frame;
+using tavo_test::RawPeer;
+using tavo_test::WaitFor;
 
 namespace {
 
 std::string SocketName() {
   const auto* info = testing::UnitTest::GetInstance()->current_test_info();
   return std::string("/mnt/bpfframework/ipc-test-") + info->name() + "-" + std::to_string(getpid());
-}
-
-cpu_set_t AllCpus() {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  sched_getaffinity(0, sizeof(set), &set);
-  return set;
 }
 
 // One end (server or client) recording what it sees; sends what is queued.
@@ -81,7 +74,7 @@ struct Endpoint {
       return 0;
     };
     ipc = std::make_unique<UnixIpcManager>(server, bufferSize, path, handlers,
-                                           server ? "IpcSrvT" : "IpcCliT", AllCpus(), 10, 32);
+                                           server ? "IpcSrvT" : "IpcCliT", tavo_test::AllCpus(), 10, 32);
   }
 
   bool Queue(int fd, const std::string& data) {
@@ -93,17 +86,15 @@ struct Endpoint {
     std::lock_guard<std::mutex> guard(lock);
     return frames[fd];
   }
-  size_t Count(const std::vector<int>& list) {
+  // Copies of the descriptors seen so far (or -1 past the end).
+  std::vector<int> Snapshot(const std::vector<int>& list) {
     std::lock_guard<std::mutex> guard(lock);
-    return list.size();
+    return list;
   }
+  size_t Count(const std::vector<int>& list) { return Snapshot(list).size(); }
   int At(const std::vector<int>& list, size_t i) {
-    std::lock_guard<std::mutex> guard(lock);
-    return i < list.size() ? list[i] : -1;
-  }
-  int FirstConnected() {
-    std::lock_guard<std::mutex> guard(lock);
-    return connected.empty() ? -1 : connected.front();
+    const auto copy = Snapshot(list);
+    return i < copy.size() ? copy[i] : -1;
   }
 
   std::mutex lock;
@@ -124,8 +115,8 @@ struct Session {
     server.ipc->start();
     WaitFor([&] { return server.ipc->getSocketFd() >= 0; });
     peer = std::make_unique<RawPeer>(path);
-    WaitFor([&] { return server.FirstConnected() >= 0; });
-    fd = server.FirstConnected();
+    WaitFor([&] { return server.At(server.connected, 0) >= 0; });
+    fd = server.At(server.connected, 0);
   }
   Endpoint server;
   std::unique_ptr<RawPeer> peer;
@@ -160,7 +151,7 @@ TEST(UnixIpcManagerTest, FramesAcrossReads) {
 
 TEST(UnixIpcManagerTest, QueuedPackagesArriveInOrderAndIdleStaysQuiet) {
   Session s(SocketName());
-  const int tid = ipc_test::FindThread("IpcSrvT");
+  const int tid = tavo_test::FindThread("IpcSrvT");
   ASSERT_GT(tid, 0);
   std::string expected;
   for (int i = 0; i < 2000; ++i) {
@@ -173,21 +164,11 @@ TEST(UnixIpcManagerTest, QueuedPackagesArriveInOrderAndIdleStaysQuiet) {
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   // Idle and writable: write readiness is off, so the loop sleeps.
   const int calls = s.server.writeCalls.load();
-  const long cpu = ipc_test::ThreadCpuMs(tid);
+  const long cpu = tavo_test::ThreadCpuMs(tid);
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_EQ(s.server.writeCalls.load(), calls);
-  EXPECT_LT(ipc_test::ThreadCpuMs(tid) - cpu, 100);
+  EXPECT_LT(tavo_test::ThreadCpuMs(tid) - cpu, 100);
   EXPECT_FALSE(s.server.ipc->notifyNeedWriteData(12345));
-}
-
-TEST(UnixIpcManagerTest, WriteDataNowSendsFromCaller) {
-  tavo_test::LogCapture log;
-  Session s(SocketName());
-  ASSERT_TRUE(s.server.Queue(s.fd, "now"));
-  EXPECT_TRUE(s.server.ipc->writeDataNow(s.fd));
-  EXPECT_EQ(s.peer->Recv(Frame(3, "now").size()), Frame(3, "now"));
-  EXPECT_FALSE(s.server.ipc->writeDataNow(777));
-  EXPECT_EQ(log.Count("[EpollManager][notifyWriteEventReady] the socket fd does not exist"), 1);
 }
 
 TEST(UnixIpcManagerTest, WriteDataNowRacesLoopWithoutLossOrReorder) {
@@ -234,26 +215,17 @@ TEST(UnixIpcManagerTest, WriteCallbackResults) {
   ASSERT_TRUE(s.server.Queue(s.fd, "one"));
   EXPECT_EQ(s.server.ipc->onCommWriteCallback(event), 0);  // sent, stays on
   EXPECT_EQ(s.peer->Recv(Frame(3, "one").size()), Frame(3, "one"));
+  // writeDataNow sends from the caller's thread.
+  ASSERT_TRUE(s.server.Queue(s.fd, "now"));
+  EXPECT_TRUE(s.server.ipc->writeDataNow(s.fd));
+  EXPECT_EQ(s.peer->Recv(Frame(3, "now").size()), Frame(3, "now"));
+  EXPECT_FALSE(s.server.ipc->writeDataNow(777));
+  EXPECT_EQ(log.Count("[EpollManager][notifyWriteEventReady] the socket fd does not exist"), 1);
   event.data.fd = 4321;
   EXPECT_EQ(s.server.ipc->onCommWriteCallback(event), -1);
   EXPECT_EQ(s.server.ipc->onClientReadableCallback(event), -1);
   EXPECT_EQ(log.Count("[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(4321)!"), 1);
   EXPECT_EQ(log.Count("[UnixIpcManager][ClientCallback] Not allocate read buffer for the fd(4321)!"), 1);
-}
-
-TEST(UnixIpcManagerTest, ClientManagerGetsReplyFromServerReadCallback) {
-  Endpoint server(true, SocketName(), 32768, Endpoint::ReadMode::kEcho);
-  server.ipc->start();
-  ASSERT_TRUE(WaitFor([&] { return server.ipc->getSocketFd() >= 0; }));
-  Endpoint client(false, SocketName());
-  client.ipc->start();
-  ASSERT_TRUE(WaitFor([&] { return client.ipc->getSocketFd() >= 0; }));
-  const int own = client.ipc->getSocketFd();
-  ASSERT_TRUE(client.Queue(own, "ping-1"));
-  ASSERT_TRUE(client.Queue(own, "ping-2"));
-  ASSERT_TRUE(client.ipc->notifyNeedWriteData(own));
-  ASSERT_TRUE(WaitFor([&] { return client.FramesOf(own).size() == 2; }));
-  EXPECT_EQ(client.FramesOf(own), (std::vector<std::string>{"echo:ping-1", "echo:ping-2"}));
 }
 
 TEST(UnixIpcManagerTest, FullSocketRetriesElevenTimesThenResumes) {
@@ -279,9 +251,9 @@ TEST(UnixIpcManagerTest, FullSocketRetriesElevenTimesThenResumes) {
 // The loop thread's CPU time over one second after a connection that can
 // never make progress: it must be closed, not spun on.
 long CpuOverOneSecond(int tid) {
-  const long before = ipc_test::ThreadCpuMs(tid);
+  const long before = tavo_test::ThreadCpuMs(tid);
   std::this_thread::sleep_for(std::chrono::seconds(1));
-  const long after = ipc_test::ThreadCpuMs(tid);
+  const long after = tavo_test::ThreadCpuMs(tid);
   printf("epoll thread CPU: before %ld ms, after %ld ms\n", before, after);
   return after - before;
 }
@@ -289,7 +261,7 @@ long CpuOverOneSecond(int tid) {
 TEST(UnixIpcManagerTest, OversizedFrameClosesWithoutSpin) {
   tavo_test::LogCapture log;
   Session s(SocketName());
-  const int tid = ipc_test::FindThread("IpcSrvT");
+  const int tid = tavo_test::FindThread("IpcSrvT");
   RawPeer other(SocketName());
   ASSERT_TRUE(WaitFor([&] { return s.server.Count(s.server.connected) == 2; }));
 
@@ -312,7 +284,7 @@ TEST(UnixIpcManagerTest, FullReceiveBufferClosesWithoutSpin) {
   tavo_test::LogCapture log;
   // A reader that never consumes: the buffer fills with valid small frames.
   Session s(SocketName(), 4096, Endpoint::ReadMode::kNothing, false);
-  const int tid = ipc_test::FindThread("IpcSrvT");
+  const int tid = tavo_test::FindThread("IpcSrvT");
   std::string stream;
   while (stream.size() < 6000) stream += Frame(0, "0123456789");
   s.peer->Send(stream, 200);
@@ -371,15 +343,17 @@ TEST(UnixIpcManagerTest, ClientReconnectsAfterServerLoss) {
   EXPECT_EQ(client.Count(client.closed), 1u);
   EXPECT_EQ(client.At(client.closed, 0), first);
 
-  Endpoint again(true, SocketName());
+  // The new server answers from its read callback; the client reads it.
+  Endpoint again(true, SocketName(), 32768, Endpoint::ReadMode::kEcho);
   again.ipc->start();
   ASSERT_TRUE(WaitFor([&] { return again.Count(again.connected) == 1; }, 7000));
   const int own = client.ipc->getSocketFd();
   ASSERT_GE(own, 0);
-  ASSERT_TRUE(client.Queue(own, "back"));
+  ASSERT_TRUE(client.Queue(own, "back-1"));
+  ASSERT_TRUE(client.Queue(own, "back-2"));
   ASSERT_TRUE(client.ipc->notifyNeedWriteData(own));
-  const int fd = again.FirstConnected();
-  ASSERT_TRUE(WaitFor([&] { return again.FramesOf(fd).size() == 1; }));
+  ASSERT_TRUE(WaitFor([&] { return client.FramesOf(own).size() == 2; }));
+  EXPECT_EQ(client.FramesOf(own), (std::vector<std::string>{"echo:back-1", "echo:back-2"}));
 }
 
 TEST(UnixIpcManagerTest, StopEndsClientRetryWaitAtOnce) {

@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <dirent.h>
 #include <unistd.h>
 
-#include <android-base/file.h>
-#include <android-base/strings.h>
+
 
 #include <chrono>
 #include <string>
@@ -12,43 +10,18 @@
 
 #include "include/tavo_bpf_service_main.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/wait.h"
 #include "util/tavo_properties.h"
 #include "util/tavo_time.h"
 
 using namespace Tavo::Bpf;
+using tavo_test::FindThread;
+using tavo_test::WaitFor;
 
 namespace {
 
 constexpr const char* kDisable = "persist.sys.stability.bpfframework.disable";
 constexpr const char* kReady = "sys.tavo_bpf_ready";
-
-// The tid of this process's thread with the given name, or -1.
-int FindThread(const std::string& name) {
-  DIR* dir = opendir("/proc/self/task");
-  if (dir == nullptr) return -1;
-  int found = -1;
-  while (dirent* entry = readdir(dir)) {
-    std::string comm;
-    if (entry->d_name[0] == '.') continue;
-    if (android::base::ReadFileToString(std::string("/proc/self/task/") + entry->d_name + "/comm", &comm) &&
-        android::base::Trim(comm) == name) {
-      found = atoi(entry->d_name);
-      break;
-    }
-  }
-  closedir(dir);
-  return found;
-}
-
-template <typename Pred>
-bool WaitFor(Pred pred, int ms) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return pred();
-}
 
 void StopAndJoin() {
   TavoBpfService* service = TavoBpfService::GetInstance();
@@ -85,8 +58,6 @@ TEST(Lifecycle, PollThreadIsNamedAndPinned) {
   ASSERT_EQ(BpfServiceMain(), 1);
   int tid = -1;
   ASSERT_TRUE(WaitFor([&] { return (tid = FindThread("BpfServicePoll")) > 0; }, 2000));
-  std::string status;
-  ASSERT_TRUE(android::base::ReadFileToString("/proc/self/task/" + std::to_string(tid) + "/status", &status));
   cpu_set_t cpus;
   ASSERT_EQ(sched_getaffinity(tid, sizeof(cpus), &cpus), 0);
   for (int cpu = 3; cpu < CPU_SETSIZE; ++cpu) EXPECT_FALSE(CPU_ISSET(cpu, &cpus)) << cpu;
@@ -105,15 +76,6 @@ TEST(Lifecycle, WaitsForReadinessInOneSecondSteps) {
   EXPECT_TRUE(WaitFor([] { return GetBasetime() != 0; }, 2500));
   EXPECT_LE(std::chrono::steady_clock::now() - released, std::chrono::milliseconds(1500));
   StopAndJoin();
-}
-
-TEST(Lifecycle, StopWhileWaitingForReadinessEndsThePollThread) {
-  ASSERT_EQ(BpfServiceMain(), 1);
-  ASSERT_TRUE(WaitFor([] { return FindThread("BpfServicePoll") > 0; }, 2000));
-  const auto begin = std::chrono::steady_clock::now();
-  StopAndJoin();
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
-  EXPECT_EQ(FindThread("BpfServicePoll"), -1);
 }
 
 TEST(Lifecycle, WaitReturnsAtOnceWhenStopped) {

@@ -15,13 +15,16 @@
 #include "bpf/tavo_bpf_records.h"
 #include "include/tavo_bpf_service_main.h"
 #include "state/tavo_bpf_state.h"
+#include "tests/support/children.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/pump_test_object.h"
 #include "tests/support/service_peer.h"
 #include "tests/support/test_env.h"
+#include "tests/support/wait.h"
 
 using namespace Tavo::Bpf;
 using Peer = TavoBpfServiceTestPeer;
+using tavo_test::WaitFor;
 
 namespace {
 
@@ -29,11 +32,8 @@ constexpr const char* kNormal = "TavoBpfDefineset";
 constexpr const char* kGpl = "TavoBpfGplDefineset";
 constexpr uint64_t kForeignBits = 0xab0000000008ULL;  // bits the pump must keep
 
-void ForkOnce() {
-  const pid_t child = fork();
-  if (child == 0) _exit(0);
-  if (child > 0) waitpid(child, nullptr, 0);
-}
+// Each fork makes the test producer write one record.
+void ForkOnce() { tavo_test::ReapedPid(); }
 
 // Records of one type counted by the event recorder over the whole window.
 uint64_t Counted(int type) {
@@ -42,16 +42,6 @@ uint64_t Counted(int type) {
     sum += TavoBpfDataState::GetInstance()->getCounter(slot, type);
   }
   return sum;
-}
-
-template <typename Pred>
-bool WaitFor(Pred pred, int ms = 3000) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
 }
 
 class Pump : public ::testing::Test {

@@ -21,7 +21,7 @@ using namespace Tavo::Bpf;
 using Tavo::Client::TavoClient;
 using subs_test::Frame;
 using subs_test::InProcessService;
-using subs_test::RawClient;
+using subs_test::RawPeer;
 using subs_test::Register;
 using subs_test::Reply;
 using subs_test::WaitFor;
@@ -61,27 +61,27 @@ TEST(SubsSocket, RawPeerGetsReplyThenEventsAsCommandThreePackages) {
   TAVO_REQUIRE_ISOLATION();
   InProcessService service;
   ASSERT_TRUE(service.ok());
-  RawClient peer;
+  RawPeer peer(subs_test::kSocket);
   ASSERT_TRUE(peer.ok());
   // Two requests in one write, the second one refused.
   ASSERT_TRUE(peer.Send(Register(5, 5) + Frame(0, subs_test::RequestRecord(6, "nonsense", 5))));
-  EXPECT_EQ(peer.Receive(56), Reply(5, 0) + Reply(6, -1));
+  EXPECT_EQ(peer.Recv(56), Reply(5, 0) + Reply(6, -1));
   Inject(5, 120, 0xa1);
   Inject(5, 64, 0xa2);
-  EXPECT_EQ(peer.Receive(2 * 16 + 120 + 64), EventFrame(5, 120, 0xa1) + EventFrame(5, 64, 0xa2));
+  EXPECT_EQ(peer.Recv(2 * 16 + 120 + 64), EventFrame(5, 120, 0xa1) + EventFrame(5, 64, 0xa2));
 }
 
 TEST(SubsSocket, HalfARequestOnTheWireIsAnsweredWhenComplete) {
   TAVO_REQUIRE_ISOLATION();
   InProcessService service;
   ASSERT_TRUE(service.ok());
-  RawClient peer;
+  RawPeer peer(subs_test::kSocket);
   ASSERT_TRUE(peer.ok());
   const std::string frame = Register(9, 2);
   ASSERT_TRUE(peer.Send(frame.substr(0, 21)));
-  EXPECT_EQ(peer.Receive(28, 200), "");
+  EXPECT_EQ(peer.Recv(28, 200), "");
   ASSERT_TRUE(peer.Send(frame.substr(21)));
-  EXPECT_EQ(peer.Receive(28), Reply(9, 0));
+  EXPECT_EQ(peer.Recv(28), Reply(9, 0));
 }
 
 TEST(SubsSocket, TwoClientsReceiveInOrderAndUnsubscribeAndCloseTakeEffect) {
@@ -188,10 +188,10 @@ TEST(SubsSocket, ClientThatNeverReadsIsBoundedAndOthersCarryOn) {
   TAVO_REQUIRE_ISOLATION();
   InProcessService service;
   ASSERT_TRUE(service.ok());
-  RawClient stuck;
+  RawPeer stuck(subs_test::kSocket);
   ASSERT_TRUE(stuck.ok());
   ASSERT_TRUE(stuck.Send(Register(1, 5)));
-  EXPECT_EQ(stuck.Receive(28), Reply(1, 0));
+  EXPECT_EQ(stuck.Recv(28), Reply(1, 0));
   Collector collected;
   TavoClient reader(nullptr);
   collected.Attach(reader);

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "task/tavo_bpf_task_manager.h"
+#include "tests/support/children.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/task_records.h"
 #include "util/tavo_time.h"
@@ -44,13 +45,6 @@ void Exit(int pid, const std::string& comm, uint64_t ts, uint32_t kind) {
 void Rss(int pid, int member, int64_t size, uint64_t ts = kT0 + 5 * kSec) {
   auto r = RssRecord(pid, member, size, ts);
   Service()->handleKmem_RssStat(Bytes(r), sizeof(r));
-}
-
-int ReapedPid() {
-  const pid_t child = fork();
-  if (child == 0) _exit(0);
-  waitpid(child, nullptr, 0);
-  return child;
 }
 
 const std::string kSelfName = std::string(program_invocation_short_name).substr(0, 15);
@@ -120,7 +114,7 @@ TEST(TaskHandlers, ForkWithoutParentReadsProcOrFallsBack) {
   EXPECT_EQ(std::string(Stored(getpid()).comm), kSelfName);
 
   LogCapture log;
-  const int gone = ReapedPid();
+  const int gone = tavo_test::ReapedPid();
   Fork(gone, 0, "vanished", kT0, 1);
   EXPECT_EQ(Stored(gone).ppid, 0);
   EXPECT_STREQ(Stored(gone).comm, "vanished");
@@ -249,7 +243,7 @@ TEST(TaskHandlers, PlaceholderNamesAreRefreshedAtMostEveryThreeSeconds) {
     EXPECT_EQ(std::string(Stored(getpid()).comm), kSelfName);
   }
   // A placeholder whose process has gone keeps its name; the time still moves.
-  const int gone = ReapedPid();
+  const int gone = tavo_test::ReapedPid();
   Init(gone, 1, "main");
   Rss(gone, 1, 4096);
   EXPECT_STREQ(Stored(gone).comm, "main");

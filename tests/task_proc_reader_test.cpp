@@ -19,6 +19,7 @@
 
 #include "state/tavo_bpf_state.h"
 #include "task/tavo_bpf_task_manager.h"
+#include "tests/support/children.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/task_records.h"
 #include "util/tavo_time.h"
@@ -30,57 +31,26 @@ namespace {
 constexpr int kExtraThreads = 4;
 constexpr size_t kTouched = 8 << 20;
 
-void* Park(void* arg) {
-  char byte;
-  while (read(*static_cast<int*>(arg), &byte, 1) < 0 && errno == EINTR) {
-  }
-  return nullptr;
-}
-
-// A child named "tavo_probe" with 1 + kExtraThreads threads and kTouched bytes
-// of anonymous memory written, parked until the parent closes the pipe.
-class ProbeChild {
- public:
-  ProbeChild() {
-    int ready[2];
-    if (pipe(hold) != 0 || pipe(ready) != 0) abort();
-    pid = fork();
-    if (pid == 0) {
-      close(hold[1]);
-      close(ready[0]);
-      prctl(PR_SET_NAME, "tavo_probe");
-      void* block = mmap(nullptr, kTouched, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-      memset(block, 0x5a, kTouched);
-      for (int i = 0; i < kExtraThreads; ++i) {
-        pthread_t thread;
-        if (pthread_create(&thread, nullptr, Park, &hold[0]) == 0) pthread_detach(thread);
-      }
-      // Instrumented builds may start helper threads of their own, so the
-      // child reports the count that the kernel lists for it.
-      int threads = -2;  // "." and ".."
-      if (DIR* dir = opendir("/proc/self/task")) {
-        while (readdir(dir) != nullptr) ++threads;
-        closedir(dir);
-      }
-      if (write(ready[1], &threads, sizeof(threads)) != sizeof(threads)) _exit(1);
-      Park(&hold[0]);
-      _exit(0);
+// A child named "tavo_probe" with 1 + kExtraThreads threads and kTouched
+// bytes of anonymous memory written. Instrumented builds may start helper
+// threads of their own, so it reports the count the kernel lists for it.
+tavo_test::ParkedChild ProbeChild() {
+  return tavo_test::ParkedChild([](int& hold, int&) {
+    prctl(PR_SET_NAME, "tavo_probe");
+    void* block = mmap(nullptr, kTouched, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    memset(block, 0x5a, kTouched);
+    for (int i = 0; i < kExtraThreads; ++i) {
+      pthread_t thread;
+      if (pthread_create(&thread, nullptr, tavo_test::ParkOn, &hold) == 0) pthread_detach(thread);
     }
-    close(hold[0]);
-    close(ready[1]);
-    if (read(ready[0], &threads, sizeof(threads)) != sizeof(threads)) abort();
-    close(ready[0]);
-  }
-  ~ProbeChild() {
-    close(hold[1]);
-    waitpid(pid, nullptr, 0);
-  }
-  pid_t pid;
-  int threads = 0;  // the child's thread count once parked
-
- private:
-  int hold[2];
-};
+    int threads = -2;  // "." and ".."
+    if (DIR* dir = opendir("/proc/self/task")) {
+      while (readdir(dir) != nullptr) ++threads;
+      closedir(dir);
+    }
+    return threads;
+  });
+}
 
 int64_t BootSecondsNow() {
   timespec ts{};
@@ -101,7 +71,7 @@ uint32_t CounterTotal(int type) {
 
 TEST(TaskProcReader, StartupScanRegistersAProcessWithItsKnownFacts) {
   ASSERT_TRUE(InitBasetime());
-  ProbeChild child;
+  tavo_test::ParkedChild child = ProbeChild();
   tavo_test::NoticeSink sink({0});
   TavoBpfService::GetInstance()->initTaskInfo();
 
@@ -112,11 +82,11 @@ TEST(TaskProcReader, StartupScanRegistersAProcessWithItsKnownFacts) {
   EXPECT_STREQ(t->comm, "tavo_probe");
   EXPECT_EQ(t->ppid, getpid());
   EXPECT_EQ(t->uid, getuid());
-  EXPECT_EQ(t->threadNum, static_cast<uint32_t>(child.threads));
+  EXPECT_EQ(t->threadNum, static_cast<uint32_t>(child.report));
 #if defined(__SANITIZE_THREAD__)
-  EXPECT_GE(child.threads, 1 + kExtraThreads);
+  EXPECT_GE(child.report, 1 + kExtraThreads);
 #else
-  EXPECT_EQ(child.threads, 1 + kExtraThreads);
+  EXPECT_EQ(child.report, 1 + kExtraThreads);
 #endif
   EXPECT_EQ(t->oldThreadNum, t->threadNum);
   // The child also maps what it shares copy-on-write with the test.
@@ -139,19 +109,8 @@ TEST(TaskProcReader, StartupScanRegistersAProcessWithItsKnownFacts) {
   for (const auto& r : records) ASSERT_EQ(r.size(), 88u);
 }
 
-TEST(TaskProcReader, GetProcessInfoReadsNameAndParent) {
-  ProbeChild child;
-  UpdateProcessExdata info;
-  ASSERT_EQ(TavoBpfService::GetInstance()->getProcessInfo(child.pid, &info), 0);
-  EXPECT_EQ(info.pid, child.pid);
-  EXPECT_EQ(info.ppid, getpid());
-  EXPECT_STREQ(info.comm, "tavo_probe");
-}
-
 TEST(TaskProcReader, VanishedPidFailsAndLeavesResultAlone) {
-  const pid_t child = fork();
-  if (child == 0) _exit(0);
-  waitpid(child, nullptr, 0);
+  const pid_t child = tavo_test::ReapedPid();
   tavo_test::LogCapture log;
   UpdateProcessExdata info;
   info.pid = 7;

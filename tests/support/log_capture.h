@@ -2,7 +2,9 @@
 #pragma once
 
 #include <android/log.h>
+#include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -28,5 +30,16 @@ class LogCapture {
   bool Contains(const std::string& text) const { return Count(text) > 0; }
   void Clear();
 };
+
+struct Logged {
+  std::string text;
+  int priority;  // -1: any
+  int times;
+};
+
+// Each text was logged exactly `times` times at its priority.
+inline void ExpectLogged(const LogCapture& log, std::initializer_list<Logged> expected) {
+  for (const Logged& e : expected) EXPECT_EQ(log.Count(e.text, e.priority), e.times) << e.text;
+}
 
 }  // namespace tavo_test

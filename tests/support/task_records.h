@@ -1,4 +1,4 @@
-// Builders for task records and a fake subscriber that collects notices.
+// Builders for task records; frames.h brings the fake subscriber.
 #pragma once
 
 #include <algorithm>
@@ -7,10 +7,7 @@
 #include <vector>
 
 #include "bpf/tavo_bpf_records.h"
-#include "event/tavo_bpf_event_manager.h"
-#include "ipc/ipc_package_manager.h"
-#include "service/tavo_bpf_service.h"
-#include "tests/support/service_peer.h"
+#include "tests/support/frames.h"
 
 namespace tavo_test {
 
@@ -48,41 +45,5 @@ template <typename Record>
 char* Bytes(Record& r) {
   return reinterpret_cast<char*>(&r);
 }
-
-template <typename Record>
-std::string AsString(const Record& r) {
-  return std::string(reinterpret_cast<const char*>(&r), sizeof(r));
-}
-
-// A client queue on a fake descriptor, subscribed to the given codes.
-class NoticeSink {
- public:
-  explicit NoticeSink(std::initializer_list<int> codes, int fd = 90) {
-    auto* service = Tavo::Bpf::TavoBpfService::GetInstance();
-    queue = &Tavo::Bpf::TavoBpfServiceTestPeer::AddClient(service, fd);
-    for (int code : codes) Tavo::Bpf::EventManager::GetInstance()->AddObserverEvent(fd, code);
-  }
-
-  // Payloads of the command-3 frames queued since the last call.
-  std::vector<std::string> Take() {
-    std::vector<std::string> out;
-    std::vector<char> block(1 << 16);
-    BufferState buffer{0, 0, static_cast<int64_t>(block.size()), block.data()};
-    queue->fillIpcPackageToBuffer(&buffer);
-    for (size_t pos = 0; pos + 16 <= static_cast<size_t>(buffer.length);) {
-      int64_t frame;
-      uint32_t command, length;
-      memcpy(&frame, &block[pos], 8);
-      memcpy(&command, &block[pos + 8], 4);
-      memcpy(&length, &block[pos + 12], 4);
-      if (command == 3) out.emplace_back(&block[pos + 16], length);
-      pos += 8 + static_cast<size_t>(frame);
-    }
-    return out;
-  }
-
- private:
-  IpcPackageManager* queue;
-};
 
 }  // namespace tavo_test
