@@ -51,6 +51,10 @@ class ParkedChild {
     close(ready[1]);
     release = hold[1];
     if (read(ready[0], &report, sizeof(report)) != sizeof(report)) abort();
+    // EOF: the child has closed its end too, so its descriptors are final.
+    char eof;
+    while (read(ready[0], &eof, 1) > 0) {
+    }
     close(ready[0]);
   }
   ~ParkedChild() {
