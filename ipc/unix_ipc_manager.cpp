@@ -355,20 +355,24 @@ int UnixIpcManager::onServerCloseCallback(epoll_event event) {
 // Returns -2; the caller tells the user (close callback) and, when
 // `reconnect` is set (client mode, own connection), connects again, both
 // after it has let go of the write lock.
-int UnixIpcManager::closeConnection(int fd, bool& reconnect) {
+int UnixIpcManager::closeConnection(int fd, bool& reconnect, bool* failed) {
   epollManager->delMonitorFd(fd);
   {
     std::lock_guard<std::mutex> guard(bufferLock);
     connections.erase(fd);
   }
+  bool ok = true;
   if (close(fd) != 0) {
     TAVO_LOGE(name, "[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s", fd,
               errno, strerror(errno));
+    ok = false;
   }
   if (!freeBufferForFd(fd)) {
     TAVO_LOGE(name, "[UnixIpcManager][ServerCallback] free buffer failed: %d, message: %s", errno,
               strerror(errno));
+    ok = false;
   }
+  if (failed != nullptr) *failed = !ok;
   if (!isServer && fd == socketFd) {
     socketFd = -1;
     reconnect = true;
@@ -486,25 +490,9 @@ int UnixIpcManager::onClientCloseCallback(epoll_event event) {
   bool again = false;
   {
     WriteGuard guard(writeLockFor(fd));
-    epollManager->delMonitorFd(fd);
-    {
-      std::lock_guard<std::mutex> lock(bufferLock);
-      connections.erase(fd);
-    }
-    if (close(fd) != 0) {
-      TAVO_LOGE(name, "[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s", fd,
-                errno, strerror(errno));
-      result = -1;
-    }
-    if (!freeBufferForFd(fd)) {
-      TAVO_LOGE(name, "[UnixIpcManager][ServerCallback] free buffer failed: %d, message: %s",
-                errno, strerror(errno));
-      result = -1;
-    }
-    if (!isServer && fd == socketFd) {
-      socketFd = -1;
-      again = true;
-    }
+    bool failed = false;
+    closeConnection(fd, again, &failed);
+    if (failed) result = -1;
   }
   // User callbacks that may take their own locks run without the write lock.
   if (handlers.close) handlers.close(fd);

@@ -94,7 +94,7 @@ class TAVO_EXPORT UnixIpcManager {
   EpollCallback connectionCallbacks();
   void setSocketBuffers(int fd);
   int readLocked(int fd, bool& reconnect);
-  int closeConnection(int fd, bool& reconnect);
+  int closeConnection(int fd, bool& reconnect, bool* failed = nullptr);
   int sendFailed(const epoll_event& event, int fd);
   void reconnect();
 };

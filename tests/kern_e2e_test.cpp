@@ -164,11 +164,14 @@ TEST_F(KernE2eTest, NewThreadRaisesThreadCountAndNeverStartsAProcess) {
   auto events = WaitFor([&](const std::vector<Event>& ev) {
     return !All<TaskCreateRecord>(ev, [&](const TaskCreateRecord& r) { return r.pid == getpid(); }).empty();
   });
+  // A sanitizer runtime may start a thread of its own meanwhile; every
+  // creation in this process must still be a thread, never a process.
   auto created = All<TaskCreateRecord>(events, [&](const TaskCreateRecord& r) { return r.pid == getpid(); });
-  ASSERT_EQ(created.size(), 1u);
-  EXPECT_EQ(created[0].kind, 2u);
+  EXPECT_GE(created.size(), 1u);
+  for (const auto& record : created) EXPECT_EQ(record.kind, 2u);
   for (int i = 0; i < 40 && threadNum() == before; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(25));
-  EXPECT_EQ(threadNum(), before + 1);
+  EXPECT_GE(threadNum(), before + 1);
+  EXPECT_LE(threadNum(), before + created.size());
   {
     std::lock_guard<std::mutex> guard(m);
     release = true;

@@ -10,6 +10,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <android-base/parseint.h>
 #include <android-base/properties.h>
 
 #include <atomic>
@@ -37,13 +38,6 @@ int Usage() {
   return 2;
 }
 
-bool ParseNumber(const char* text, long long* out) {
-  char* end = nullptr;
-  errno = 0;
-  *out = strtoll(text, &end, 0);
-  return errno == 0 && end != text && *end == '\0' && *out >= 0;
-}
-
 // mkdir -p
 void MakeDirs(const std::string& path) {
   for (size_t pos = 1; pos != std::string::npos;) {
@@ -61,7 +55,7 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool hasValue = i + 1 < argc;
-    long long n = 0;
+    unsigned long long n = 0;
     if (arg == "--use-existing-pins") {
       useExisting = true;
     } else if (arg == "--keep-pins") {
@@ -73,11 +67,11 @@ int main(int argc, char** argv) {
       android::base::SetProperty(prop.substr(0, eq), prop.substr(eq + 1));
     } else if (arg == "--obj-dir" && hasValue) {
       options.objectDir = argv[++i];
-    } else if (arg == "--ring-bytes" && hasValue && ParseNumber(argv[++i], &n)) {
+    } else if (arg == "--ring-bytes" && hasValue && android::base::ParseUint(argv[++i], &n)) {
       options.normalRingBytes = static_cast<uint32_t>(n);
-    } else if (arg == "--gpl-ring-bytes" && hasValue && ParseNumber(argv[++i], &n)) {
+    } else if (arg == "--gpl-ring-bytes" && hasValue && android::base::ParseUint(argv[++i], &n)) {
       options.gplRingBytes = static_cast<uint32_t>(n);
-    } else if (arg == "--rss-step" && hasValue && ParseNumber(argv[++i], &n)) {
+    } else if (arg == "--rss-step" && hasValue && android::base::ParseUint(argv[++i], &n)) {
       options.rssStepBytes = n;
     } else {
       return Usage();

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <string>
 
+#include <android-base/parseint.h>
+
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 
 namespace {
@@ -19,13 +21,6 @@ int Usage() {
   return 2;
 }
 
-bool ParseNumber(const char* text, long long* out) {
-  char* end = nullptr;
-  errno = 0;
-  *out = strtoll(text, &end, 0);
-  return errno == 0 && end != text && *end == '\0' && *out >= 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -35,18 +30,18 @@ int main(int argc, char** argv) {
   for (int i = 2; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool hasValue = i + 1 < argc;
-    long long n = 0;
+    unsigned long long n = 0;
     if (arg == "--verbose") {
       options.verbose = true;
     } else if (arg == "--obj-dir" && hasValue) {
       options.objectDir = argv[++i];
     } else if (arg == "--pin-dir" && hasValue) {
       options.pinDir = argv[++i];
-    } else if (arg == "--ring-bytes" && hasValue && ParseNumber(argv[++i], &n)) {
+    } else if (arg == "--ring-bytes" && hasValue && android::base::ParseUint(argv[++i], &n)) {
       options.normalRingBytes = static_cast<uint32_t>(n);
-    } else if (arg == "--gpl-ring-bytes" && hasValue && ParseNumber(argv[++i], &n)) {
+    } else if (arg == "--gpl-ring-bytes" && hasValue && android::base::ParseUint(argv[++i], &n)) {
       options.gplRingBytes = static_cast<uint32_t>(n);
-    } else if (arg == "--rss-step" && hasValue && ParseNumber(argv[++i], &n)) {
+    } else if (arg == "--rss-step" && hasValue && android::base::ParseUint(argv[++i], &n)) {
       options.rssStepBytes = n;
     } else {
       return Usage();
