@@ -76,6 +76,37 @@ static __always_inline bool tavo_is_new_thread(struct task_struct* parent, pid_t
   return false;
 }
 
+/*
+ * Batched wake-ups. Waking the consumer costs the producing CPU an
+ * interrupt (on a virtual machine an exit to the host), which under a fork
+ * storm cost more than the rest of the programs together. A CPU that woke
+ * the consumer less than TAVO_WAKEUP_BATCH_NS ago submits without a
+ * wake-up: the consumer is still draining, or the next context switch on any
+ * CPU (sched_sched_switch below) wakes it for what is left. Quiet rings keep
+ * the ring buffer's own wake-up for every record.
+ */
+#define TAVO_WAKEUP_BATCH_NS 50000ull
+
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+  __uint(max_entries, 1);
+  __type(key, __u32);
+  __type(value, __u64);
+} wakeup_time SEC(".maps");
+
+static __always_inline bool tavo_wakeup_due(__u64 now) {
+  __u32 key = 0;
+  __u64* last = bpf_map_lookup_elem(&wakeup_time, &key);
+  if (!last) return true;
+  if (now - *last < TAVO_WAKEUP_BATCH_NS) return false;
+  *last = now;
+  return true;
+}
+
+static __always_inline void tavo_submit(void* rec) {
+  bpf_ringbuf_submit(rec, tavo_wakeup_due(bpf_ktime_get_ns()) ? 0 : BPF_RB_NO_WAKEUP);
+}
+
 SEC("tracepoint/sched/sched_process_fork")
 int sched_sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
   if (!tavo_enabled(TAVO_STATUS_CORE_ENABLED)) return 0;
@@ -99,7 +130,7 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
   rec->uid = (__u32)bpf_get_current_uid_gid();
   /* The child starts with the parent's name. */
   bpf_get_current_comm(rec->comm, sizeof(rec->comm));
-  bpf_ringbuf_submit(rec, 0);
+  tavo_submit(rec);
 
   if (!thread) {
     /* The child inherits the parent's descriptors. */
@@ -133,7 +164,7 @@ int sched_sched_process_exit(void* ctx) {
     bpf_get_current_comm(rec->comm, sizeof(rec->comm));
     rec->kind = TAVO_TASK_KIND_THREAD;
   }
-  bpf_ringbuf_submit(rec, 0);
+  tavo_submit(rec);
   return 0;
 }
 
@@ -165,19 +196,27 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat* ctx) {
   rec->pid = (__s32)key.tgid;
   rec->member = member;
   rec->size = size;
-  bpf_ringbuf_submit(rec, 0);
+  tavo_submit(rec);
 
   struct tavo_rss_last now = {.size = size, .mm_id = mm_id};
   bpf_map_update_elem(&rss_last_map, &key, &now, BPF_ANY);
   return 0;
 }
 
-/* Keeps the status keys fresh while the ring is quiet. */
+/*
+ * Keeps the status keys fresh while the ring is quiet, and wakes the
+ * consumer for records that were submitted without a wake-up: a discarded
+ * reservation with a forced wake-up delivers nothing but the wake-up.
+ */
 SEC("tracepoint/sched/sched_switch")
 int sched_sched_switch(void* ctx) {
   __u32 key = 0;
   __u64* count = bpf_map_lookup_elem(&switch_count, &key);
   if (count && ((*count)++ & TAVO_SWITCH_REFRESH_MASK) == 0) tavo_status_refresh();
+  if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return 0;
+  if (!tavo_wakeup_due(bpf_ktime_get_ns())) return 0;
+  void* nudge = bpf_ringbuf_reserve(&ringbuf_map, 8, 0);
+  if (nudge) bpf_ringbuf_discard(nudge, BPF_RB_FORCE_WAKEUP);
   return 0;
 }
 
@@ -207,7 +246,7 @@ static __always_inline int tavo_fd_change(__s64 delta, __s32 fd) {
   rec->fd = fd;
   rec->fd_count = count;
   bpf_get_current_comm(rec->comm, sizeof(rec->comm));
-  bpf_ringbuf_submit(rec, 0);
+  tavo_submit(rec);
   return 0;
 }
 
