@@ -175,31 +175,72 @@ int sched_sched_process_exit(void* ctx) {
  * the last record for that (process, counter), which bounds ring traffic
  * while every record still carries the exact current size.
  */
+/*
+ * rss_stat fires on every page of a process's memory, dozens of times per
+ * short-lived process. A per-CPU copy of the last sizes sent for the process
+ * that ran last on this CPU answers most events without the LRU hash.
+ */
+struct tavo_rss_cache {
+  __u32 tgid;
+  __u32 mm_id;
+  __u32 known; /* bit per member: size[member] holds what was last sent */
+  __u32 pad;
+  __s64 size[TAVO_RSS_MEMBERS];
+};
+struct {
+  __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
+  __uint(max_entries, 1);
+  __type(key, __u32);
+  __type(value, struct tavo_rss_cache);
+} rss_cache SEC(".maps");
+
 SEC("tracepoint/kmem/rss_stat")
 int kmem_rss_stat(struct trace_event_raw_rss_stat* ctx) {
   if (!ctx->curr) return 0;
-  if (!tavo_enabled(TAVO_STATUS_NORMAL_ENABLED)) return 0;
   int member = ctx->member;
   if (member < 0 || member >= TAVO_RSS_MEMBERS) return 0;
   __s64 size = ctx->size;
   __u32 mm_id = ctx->mm_id;
-  struct tavo_rss_key key = {.tgid = tavo_current_tgid(), .member = (__u32)member};
+  __u32 tgid = tavo_current_tgid();
 
+  __u32 zero = 0;
+  struct tavo_rss_cache* cache = bpf_map_lookup_elem(&rss_cache, &zero);
+  if (!cache) return 0;
+  if (cache->tgid != tgid || cache->mm_id != mm_id) {
+    cache->tgid = tgid;
+    cache->mm_id = mm_id;
+    cache->known = 0;
+  }
+  if (cache->known & (1u << member)) {
+    __s64 delta = size - cache->size[member];
+    if (delta < 0) delta = -delta;
+    if (delta < rss_step_bytes) return 0;
+  }
+  if (!tavo_enabled(TAVO_STATUS_NORMAL_ENABLED)) return 0;
+
+  struct tavo_rss_key key = {.tgid = tgid, .member = (__u32)member};
   struct tavo_rss_last* last = bpf_map_lookup_elem(&rss_last_map, &key);
   if (last && last->mm_id == mm_id) {
     __s64 delta = size - last->size;
     if (delta < 0) delta = -delta;
-    if (delta < rss_step_bytes) return 0;
+    if (delta < rss_step_bytes) {
+      /* Sent from another CPU: remember it here too. */
+      cache->size[member] = last->size;
+      cache->known |= 1u << member;
+      return 0;
+    }
   }
   struct tavo_rss_stat_event* rec = TAVO_RESERVE(struct tavo_rss_stat_event, TAVO_EVENT_KMEM_RSS_INFO);
   if (!rec) return 0;
-  rec->pid = (__s32)key.tgid;
+  rec->pid = (__s32)tgid;
   rec->member = member;
   rec->size = size;
   tavo_submit(rec);
 
   struct tavo_rss_last now = {.size = size, .mm_id = mm_id};
   bpf_map_update_elem(&rss_last_map, &key, &now, BPF_ANY);
+  cache->size[member] = size;
+  cache->known |= 1u << member;
   return 0;
 }
 
