@@ -135,6 +135,9 @@ TEST_F(KernRingTest, LeaderExitingFirstStillYieldsOneProcessExitAtTheEnd) {
   int status = 0;
   waitpid(child, &status, 0);
   ring.Drain();
+  // A sanitizer runtime in a child forked from a threaded parent may fail
+  // to start the thread; then there is nothing to check.
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 1) GTEST_SKIP() << "the child could not start its thread";
 
   // The leader's exit and any other early thread exits are kind 2; exactly
   // one kind 1 comes, last, with the lingering thread's exit.
