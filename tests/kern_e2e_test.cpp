@@ -184,25 +184,6 @@ TEST_F(KernE2eTest, NewThreadRaisesThreadCountAndNeverStartsAProcess) {
               }).empty());
 }
 
-// RssAnon of the calling process in bytes, with system calls only (it runs
-// in a child forked from a threaded parent).
-int64_t ChildRssAnonBytes() {
-  char buf[4096];
-  const int fd = open("/proc/self/status", O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return -1;
-  const ssize_t n = read(fd, buf, sizeof(buf) - 1);
-  close(fd);
-  if (n <= 0) return -1;
-  buf[n] = 0;
-  const char* line = strstr(buf, "RssAnon:");
-  if (line == nullptr) return -1;
-  int64_t kb = 0;
-  for (const char* c = line + 8; *c != 0 && *c != '\n'; ++c) {
-    if (*c >= '0' && *c <= '9') kb = kb * 10 + (*c - '0');
-  }
-  return kb << 10;
-}
-
 TEST_F(KernE2eTest, ChildTouching64MiBAfterSettlingGivesMemoryNotices) {
   TAVO_REQUIRE_BPFFS();
   TAVO_REQUIRE_DATA();
@@ -219,12 +200,12 @@ TEST_F(KernE2eTest, ChildTouching64MiBAfterSettlingGivesMemoryNotices) {
     close(fds[1]);
     close(report[0]);
     usleep(3200 * 1000);  // past the service's settling time
-    const int64_t before = ChildRssAnonBytes();
+    const int64_t before = tavo_test::ChildRssAnonBytes();
     char* p = static_cast<char*>(mmap(nullptr, kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     if (p == MAP_FAILED) _exit(1);
     madvise(p, kBytes, MADV_NOHUGEPAGE);
     for (size_t i = 0; i < kBytes; i += kPage) p[i] = 1;
-    const int64_t sizes[2] = {before, ChildRssAnonBytes()};
+    const int64_t sizes[2] = {before, tavo_test::ChildRssAnonBytes()};
     if (write(report[1], sizes, sizeof(sizes)) != sizeof(sizes)) _exit(1);
     char c;
     (void)!read(fds[0], &c, 1);

@@ -3,6 +3,7 @@
 // records of one ring directly with libbpf (no service involved).
 #pragma once
 
+#include <fcntl.h>
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
 #include <gtest/gtest.h>
@@ -119,6 +120,25 @@ class RingCollector {
 // Loads both objects into the test's private bpffs.
 inline bool LoadForTest(Tavo::Loader::LoaderOptions options, Tavo::Loader::LoadReport* report) {
   return Tavo::Loader::LoadAndPin(options, report) == 0;
+}
+
+// RssAnon of the calling process in bytes, with system calls only (it runs
+// in a child forked from a threaded parent).
+inline int64_t ChildRssAnonBytes() {
+  char buf[4096];
+  const int fd = open("/proc/self/status", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  const ssize_t n = read(fd, buf, sizeof(buf) - 1);
+  close(fd);
+  if (n <= 0) return -1;
+  buf[n] = 0;
+  const char* line = strstr(buf, "RssAnon:");
+  if (line == nullptr) return -1;
+  int64_t kb = 0;
+  for (const char* c = line + 8; *c != 0 && *c != '\n'; ++c) {
+    if (*c >= '0' && *c <= '9') kb = kb * 10 + (*c - '0');
+  }
+  return kb << 10;
 }
 
 }  // namespace tavo_test

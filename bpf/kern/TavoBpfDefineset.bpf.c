@@ -107,6 +107,28 @@ static __always_inline void tavo_submit(void* rec) {
   bpf_ringbuf_submit(rec, tavo_wakeup_due(bpf_ktime_get_ns()) ? 0 : BPF_RB_NO_WAKEUP);
 }
 
+/*
+ * Exactly one exit per process. Kernels whose exit tracepoint carries
+ * group_dead name the thread that ended the group. On older ones the last
+ * two threads of a group can both read signal->live == 0 when they exit at
+ * once; the first to claim the tgid here reports the end, and the fork of a
+ * new process under that pid drops the claim.
+ */
+struct {
+  __uint(type, BPF_MAP_TYPE_LRU_HASH);
+  __uint(max_entries, 8192);
+  __type(key, __s32);
+  __type(value, __u8);
+} exit_claims SEC(".maps");
+
+static __always_inline bool tavo_process_ended(struct trace_event_raw_sched_process_exit* ctx,
+                                               struct task_struct* task, __s32 tgid) {
+  if (bpf_core_field_exists(ctx->group_dead)) return ctx->group_dead;
+  if (!tavo_group_dead(task)) return false;
+  __u8 one = 1;
+  return bpf_map_update_elem(&exit_claims, &tgid, &one, BPF_NOEXIST) == 0;
+}
+
 SEC("tracepoint/sched/sched_process_fork")
 int sched_sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
   if (!tavo_enabled(TAVO_STATUS_CORE_ENABLED)) return 0;
@@ -133,6 +155,7 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
   tavo_submit(rec);
 
   if (!thread) {
+    bpf_map_delete_elem(&exit_claims, &child);
     /* The child inherits the parent's descriptors. */
     struct tavo_open_fd_value* fds = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
     if (fds) {
@@ -145,10 +168,10 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
 }
 
 SEC("tracepoint/sched/sched_process_exit")
-int sched_sched_process_exit(void* ctx) {
+int sched_sched_process_exit(struct trace_event_raw_sched_process_exit* ctx) {
   struct task_struct* task = (struct task_struct*)bpf_get_current_task();
   __s32 tgid = (__s32)tavo_current_tgid();
-  bool dead = tavo_group_dead(task);
+  bool dead = tavo_process_ended(ctx, task, tgid);
   if (dead) bpf_map_delete_elem(&open_fd_caller_map, &tgid);
   if (!tavo_enabled(TAVO_STATUS_CORE_ENABLED)) return 0;
 
