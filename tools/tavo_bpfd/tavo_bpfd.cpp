@@ -10,7 +10,6 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include <android-base/parseint.h>
 #include <android-base/properties.h>
 
 #include <atomic>
@@ -55,7 +54,6 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool hasValue = i + 1 < argc;
-    unsigned long long n = 0;
     if (arg == "--use-existing-pins") {
       useExisting = true;
     } else if (arg == "--keep-pins") {
@@ -65,15 +63,7 @@ int main(int argc, char** argv) {
       const size_t eq = prop.find('=');
       if (eq == std::string::npos || eq == 0) return Usage();
       android::base::SetProperty(prop.substr(0, eq), prop.substr(eq + 1));
-    } else if (arg == "--obj-dir" && hasValue) {
-      options.objectDir = argv[++i];
-    } else if (arg == "--ring-bytes" && hasValue && android::base::ParseUint(argv[++i], &n)) {
-      options.normalRingBytes = static_cast<uint32_t>(n);
-    } else if (arg == "--gpl-ring-bytes" && hasValue && android::base::ParseUint(argv[++i], &n)) {
-      options.gplRingBytes = static_cast<uint32_t>(n);
-    } else if (arg == "--rss-step" && hasValue && android::base::ParseUint(argv[++i], &n)) {
-      options.rssStepBytes = n;
-    } else {
+    } else if (!Tavo::Loader::ParseObjectOption(argc, argv, &i, &options)) {
       return Usage();
     }
   }

@@ -1,3 +1,5 @@
+#include <android-base/parseint.h>
+
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 
 #include <bpf/bpf.h>
@@ -252,6 +254,26 @@ int UnloadAll(const std::string& pinDir) {
   int b = RemoveObjectPins(pinDir, kGplObject);
   rmdir(pinDir.c_str());
   return a + (b < 0 ? 0 : b);
+}
+
+bool ParseObjectOption(int argc, char** argv, int* i, LoaderOptions* options) {
+  const std::string arg = argv[*i];
+  if (*i + 1 >= argc) return false;
+  const char* value = argv[*i + 1];
+  unsigned long long n = 0;
+  if (arg == "--obj-dir") {
+    options->objectDir = value;
+  } else if (arg == "--ring-bytes" && android::base::ParseUint(value, &n, 0xffffffffull)) {
+    options->normalRingBytes = static_cast<uint32_t>(n);
+  } else if (arg == "--gpl-ring-bytes" && android::base::ParseUint(value, &n, 0xffffffffull)) {
+    options->gplRingBytes = static_cast<uint32_t>(n);
+  } else if (arg == "--rss-step" && android::base::ParseUint(value, &n, 0x7fffffffffffffffull)) {
+    options->rssStepBytes = static_cast<int64_t>(n);
+  } else {
+    return false;
+  }
+  ++*i;
+  return true;
 }
 
 }  // namespace Tavo::Loader

@@ -25,6 +25,12 @@ struct LoaderOptions {
   bool verbose = false;             // pass libbpf's messages (verifier logs) through
 };
 
+// Consumes one of the object options shared by the loader command and the
+// daemon (--obj-dir DIR, --ring-bytes N, --gpl-ring-bytes N, --rss-step N)
+// at argv[*i], advancing *i past its value. False when argv[*i] is none of
+// them or its value is missing or malformed.
+bool ParseObjectOption(int argc, char** argv, int* i, LoaderOptions* options);
+
 struct LoadReport {
   std::vector<std::string> pins;     // every path pinned, programs and maps
   std::vector<std::string> skipped;  // "<object>/<progName>" that did not load here

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <string>
 
-#include <android-base/parseint.h>
 
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 
@@ -30,20 +29,11 @@ int main(int argc, char** argv) {
   for (int i = 2; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool hasValue = i + 1 < argc;
-    unsigned long long n = 0;
     if (arg == "--verbose") {
       options.verbose = true;
-    } else if (arg == "--obj-dir" && hasValue) {
-      options.objectDir = argv[++i];
     } else if (arg == "--pin-dir" && hasValue) {
       options.pinDir = argv[++i];
-    } else if (arg == "--ring-bytes" && hasValue && android::base::ParseUint(argv[++i], &n)) {
-      options.normalRingBytes = static_cast<uint32_t>(n);
-    } else if (arg == "--gpl-ring-bytes" && hasValue && android::base::ParseUint(argv[++i], &n)) {
-      options.gplRingBytes = static_cast<uint32_t>(n);
-    } else if (arg == "--rss-step" && hasValue && android::base::ParseUint(argv[++i], &n)) {
-      options.rssStepBytes = n;
-    } else {
+    } else if (!Tavo::Loader::ParseObjectOption(argc, argv, &i, &options)) {
       return Usage();
     }
   }
