@@ -103,8 +103,18 @@ static __always_inline bool tavo_wakeup_due(__u64 now) {
   return true;
 }
 
+/*
+ * A ring more than half full always wakes the consumer: unannounced records
+ * must never fill it, or no reservation (and so no wake-up) could follow.
+ */
 static __always_inline void tavo_submit(void* rec) {
-  bpf_ringbuf_submit(rec, tavo_wakeup_due(bpf_ktime_get_ns()) ? 0 : BPF_RB_NO_WAKEUP);
+  __u64 flags = BPF_RB_NO_WAKEUP;
+  if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) >
+      bpf_ringbuf_query(&ringbuf_map, BPF_RB_RING_SIZE) / 2)
+    flags = BPF_RB_FORCE_WAKEUP;
+  else if (tavo_wakeup_due(bpf_ktime_get_ns()))
+    flags = 0;
+  bpf_ringbuf_submit(rec, flags);
 }
 
 /*
