@@ -86,15 +86,14 @@ struct Endpoint {
     std::lock_guard<std::mutex> guard(lock);
     return frames[fd];
   }
-  // Copies of the descriptors seen so far (or -1 past the end).
-  std::vector<int> Snapshot(const std::vector<int>& list) {
-    std::lock_guard<std::mutex> guard(lock);
-    return list;
-  }
-  size_t Count(const std::vector<int>& list) { return Snapshot(list).size(); }
+  // The i-th descriptor seen so far (or -1 past the end), and how many.
   int At(const std::vector<int>& list, size_t i) {
-    const auto copy = Snapshot(list);
-    return i < copy.size() ? copy[i] : -1;
+    std::lock_guard<std::mutex> guard(lock);
+    return i < list.size() ? list[i] : -1;
+  }
+  size_t Count(const std::vector<int>& list) {
+    std::lock_guard<std::mutex> guard(lock);
+    return list.size();
   }
 
   std::mutex lock;
@@ -174,7 +173,6 @@ TEST(UnixIpcManagerTest, QueuedPackagesArriveInOrderAndIdleStaysQuiet) {
 TEST(UnixIpcManagerTest, WriteDataNowRacesLoopWithoutLossOrReorder) {
   Session s(SocketName());
   std::string expected;
-  for (int i = 0; i < 3000; ++i) expected += Frame(3, "n" + std::to_string(i));
   std::atomic<bool> done{false};
   std::thread flusher([&] {
     while (!done) s.server.ipc->writeDataNow(s.fd);
@@ -182,6 +180,7 @@ TEST(UnixIpcManagerTest, WriteDataNowRacesLoopWithoutLossOrReorder) {
   for (int i = 0; i < 3000; ++i) {
     ASSERT_TRUE(s.server.Queue(s.fd, "n" + std::to_string(i)));
     s.server.ipc->notifyNeedWriteData(s.fd);
+    expected += Frame(3, "n" + std::to_string(i));
   }
   EXPECT_EQ(s.peer->Recv(expected.size()), expected);
   done = true;
@@ -253,9 +252,7 @@ TEST(UnixIpcManagerTest, FullSocketRetriesElevenTimesThenResumes) {
 long CpuOverOneSecond(int tid) {
   const long before = tavo_test::ThreadCpuMs(tid);
   std::this_thread::sleep_for(std::chrono::seconds(1));
-  const long after = tavo_test::ThreadCpuMs(tid);
-  printf("epoll thread CPU: before %ld ms, after %ld ms\n", before, after);
-  return after - before;
+  return tavo_test::ThreadCpuMs(tid) - before;
 }
 
 TEST(UnixIpcManagerTest, OversizedFrameClosesWithoutSpin) {

@@ -38,8 +38,20 @@ namespace {
 constexpr const char* kNormal = "TavoBpfDefineset";
 constexpr size_t kPage = 4096;
 
+bool WaitForFile(const std::string& path, std::string* content) {
+  for (int i = 0; i < 100; ++i) {
+    if (android::base::ReadFileToString(path, content) && !content->empty()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return false;
+}
+
 class KernE2eTest : public testing::Test {
  protected:
+  void SetUp() override {
+    TAVO_REQUIRE_BPFFS();
+    TAVO_REQUIRE_DATA();
+  }
   void TearDown() override {
     if (client_) client_->Close();
     if (!started_) return;
@@ -112,10 +124,36 @@ class KernE2eTest : public testing::Test {
   std::vector<Event> events_;
 };
 
-TEST_F(KernE2eTest, ForkedChildGivesForkRecordStartAndEndNotices) {
-  TAVO_REQUIRE_BPFFS();
-  TAVO_REQUIRE_DATA();
+// A process already running is registered by the start-up scan; a child
+// forked afterwards gives its records and notices; signals 50 and 51 write
+// the counter file and the task dump.
+TEST_F(KernE2eTest, StartupScanForkedChildAndSignalledDumps) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  const pid_t old = fork();
+  if (old == 0) {
+    close(fds[1]);
+    prctl(PR_SET_NAME, "tavo_e2e_old");
+    char c;
+    (void)!read(fds[0], &c, 1);
+    _exit(0);
+  }
+  close(fds[0]);
+  usleep(50 * 1000);  // let the child take its name
+  // The host creates the dump directory's parents, as tavo_bpfd does.
+  mkdir("/data/tavolog", 0755);
+  mkdir("/data/tavolog/stability", 0755);
   Start();
+  {
+    std::lock_guard<std::mutex> guard(TavoTaskManager::tavoTaskManagerLock);
+    const Tavo::Bpf::TavoTask* task = TavoTaskManager::GetInstance()->GetTavoTask(old);
+    ASSERT_NE(task, nullptr);
+    EXPECT_EQ(task->ppid, getpid());
+    EXPECT_STREQ(task->comm, "tavo_e2e_old");
+  }
+  close(fds[1]);
+  waitpid(old, nullptr, 0);
+
   Connect({TAVO_EVENT_SCHED_TASK_CREATE, TAVO_NOTICE_PROCESS_START, TAVO_NOTICE_PROCESS_EXIT});
   const pid_t child = fork();
   if (child == 0) {
@@ -138,11 +176,18 @@ TEST_F(KernE2eTest, ForkedChildGivesForkRecordStartAndEndNotices) {
   auto ends = All<ProcessExitNotice>(events, [&](const ProcessExitNotice& n) { return n.pid == child; });
   ASSERT_EQ(ends.size(), 1u);
   EXPECT_EQ(ends[0].comm, "tavo_e2e_kid");
+
+  raise(50);
+  std::string csv;
+  ASSERT_TRUE(WaitForFile("/data/tavolog/stability/tavobpfframework/bpfservice_state.csv", &csv));
+  EXPECT_NE(csv.find("sched_task_create"), std::string::npos);
+  raise(51);
+  std::string dump;
+  ASSERT_TRUE(WaitForFile("/data/tavolog/stability/tavobpfframework/DUMPTASK_INFO", &dump));
+  EXPECT_NE(dump.find(std::to_string(getpid())), std::string::npos);
 }
 
 TEST_F(KernE2eTest, NewThreadRaisesThreadCountAndNeverStartsAProcess) {
-  TAVO_REQUIRE_BPFFS();
-  TAVO_REQUIRE_DATA();
   Start();
   Connect({TAVO_EVENT_SCHED_TASK_CREATE, TAVO_NOTICE_PROCESS_START});
   auto threadNum = [] {
@@ -185,8 +230,6 @@ TEST_F(KernE2eTest, NewThreadRaisesThreadCountAndNeverStartsAProcess) {
 }
 
 TEST_F(KernE2eTest, ChildTouching64MiBAfterSettlingGivesMemoryNotices) {
-  TAVO_REQUIRE_BPFFS();
-  TAVO_REQUIRE_DATA();
   Tavo::Loader::LoaderOptions options;
   options.rssStepBytes = kPage;  // every page, so the notices are exact
   Start(options);
@@ -240,65 +283,8 @@ TEST_F(KernE2eTest, ChildTouching64MiBAfterSettlingGivesMemoryNotices) {
   for (size_t i = 1; i < notes.size(); ++i) EXPECT_EQ(notes[i].reported, notes[i - 1].current);
 }
 
-TEST_F(KernE2eTest, StartupScanRegistersProcessesThatWereAlreadyRunning) {
-  TAVO_REQUIRE_BPFFS();
-  TAVO_REQUIRE_DATA();
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    close(fds[1]);
-    prctl(PR_SET_NAME, "tavo_e2e_old");
-    char c;
-    (void)!read(fds[0], &c, 1);
-    _exit(0);
-  }
-  close(fds[0]);
-  usleep(50 * 1000);  // let the child take its name
-  Start();
-  {
-    std::lock_guard<std::mutex> guard(TavoTaskManager::tavoTaskManagerLock);
-    const Tavo::Bpf::TavoTask* task = TavoTaskManager::GetInstance()->GetTavoTask(child);
-    ASSERT_NE(task, nullptr);
-    EXPECT_EQ(task->ppid, getpid());
-    EXPECT_STREQ(task->comm, "tavo_e2e_old");
-  }
-  close(fds[1]);
-  waitpid(child, nullptr, 0);
-}
-
-bool WaitForFile(const std::string& path, std::string* content) {
-  for (int i = 0; i < 100; ++i) {
-    if (android::base::ReadFileToString(path, content) && !content->empty()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return false;
-}
-
-TEST_F(KernE2eTest, SignalsWriteCounterCsvAndTaskDump) {
-  TAVO_REQUIRE_BPFFS();
-  TAVO_REQUIRE_DATA();
-  // The host creates the dump directory's parents, as tavo_bpfd does.
-  mkdir("/data/tavolog", 0755);
-  mkdir("/data/tavolog/stability", 0755);
-  Start();
-  const pid_t child = fork();  // something for the counters to count
-  if (child == 0) _exit(0);
-  waitpid(child, nullptr, 0);
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  raise(50);
-  std::string csv;
-  ASSERT_TRUE(WaitForFile("/data/tavolog/stability/tavobpfframework/bpfservice_state.csv", &csv));
-  EXPECT_NE(csv.find("sched_task_create"), std::string::npos);
-  raise(51);
-  std::string dump;
-  ASSERT_TRUE(WaitForFile("/data/tavolog/stability/tavobpfframework/DUMPTASK_INFO", &dump));
-  EXPECT_NE(dump.find(std::to_string(getpid())), std::string::npos);
-}
 
 TEST_F(KernE2eTest, TinyRingOverflowIsReportedByTheService) {
-  TAVO_REQUIRE_BPFFS();
-  TAVO_REQUIRE_DATA();
   tavo_test::LogCapture logs;
   Tavo::Loader::LoaderOptions options;
   options.normalRingBytes = 4096;

@@ -58,6 +58,7 @@ uint32_t MapMaxEntries(const std::string& name) {
 
 class KernLoadTest : public testing::Test {
  protected:
+  void SetUp() override { TAVO_REQUIRE_BPFFS(); }
   void Load(Tavo::Loader::LoaderOptions options = {}) {
     ASSERT_TRUE(tavo_test::LoadForTest(options, &report_));
   }
@@ -65,7 +66,6 @@ class KernLoadTest : public testing::Test {
 };
 
 TEST_F(KernLoadTest, EveryTableRowAndServiceMapIsPinned) {
-  TAVO_REQUIRE_BPFFS();
   Load();
   EXPECT_TRUE(report_.skipped.empty()) << report_.skipped.front();
   for (const BpfAttachTable* table : {&TavoBpfService::PROG_EVENT_MAP, &TavoBpfService::PROG_GPL_EVENT_MAP}) {
@@ -97,7 +97,6 @@ TEST_F(KernLoadTest, EveryTableRowAndServiceMapIsPinned) {
 }
 
 TEST_F(KernLoadTest, TracepointsAttachAndKprobesOnlyWhereTheKernelHasThem) {
-  TAVO_REQUIRE_BPFFS();
   Load();
   const bool haveKprobes = access("/sys/kernel/tracing/kprobe_events", F_OK) == 0;
   for (const BpfAttachTable* table : {&TavoBpfService::PROG_EVENT_MAP, &TavoBpfService::PROG_GPL_EVENT_MAP}) {
@@ -124,7 +123,6 @@ TEST_F(KernLoadTest, TracepointsAttachAndKprobesOnlyWhereTheKernelHasThem) {
 }
 
 TEST_F(KernLoadTest, SecondLoadReplacesStalePinsAndTinyRingIsHonoured) {
-  TAVO_REQUIRE_BPFFS();
   Load();
   const uint32_t firstRing = MapId("map_TavoBpfDefineset_ringbuf_map");
   Tavo::Loader::LoaderOptions options;
@@ -138,7 +136,6 @@ TEST_F(KernLoadTest, SecondLoadReplacesStalePinsAndTinyRingIsHonoured) {
 }
 
 TEST_F(KernLoadTest, UnloadRemovesEveryPinAndTheDirectory) {
-  TAVO_REQUIRE_BPFFS();
   Load();
   ASSERT_FALSE(report_.pins.empty());
   EXPECT_EQ(Tavo::Loader::UnloadAll(), (int)report_.pins.size());

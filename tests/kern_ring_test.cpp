@@ -26,6 +26,7 @@ namespace {
 
 class KernRingTest : public testing::Test {
  protected:
+  void SetUp() override { TAVO_REQUIRE_BPFFS(); }
   void Load(Tavo::Loader::LoaderOptions options = {}) {
     Tavo::Loader::LoadReport report;
     ASSERT_TRUE(tavo_test::LoadForTest(options, &report));
@@ -50,8 +51,8 @@ std::vector<T> Filter(const std::vector<T>& in, Pred pred) {
   return out;
 }
 
-TEST_F(KernRingTest, ForkedChildYieldsOneProcessForkAndOneProcessExit) {
-  TAVO_REQUIRE_BPFFS();
+// A forked child gives one kind-1 fork and exit; a new thread, kind 2 of its process.
+TEST_F(KernRingTest, ForkedChildIsKindOneAndNewThreadKindTwo) {
   Load();
   Enable(TAVO_STATUS_CORE_ENABLED);
   RingCollector ring(kNormalObject);
@@ -66,6 +67,9 @@ TEST_F(KernRingTest, ForkedChildYieldsOneProcessForkAndOneProcessExit) {
   }
   ASSERT_GT(child, 0);
   waitpid(child, nullptr, 0);
+  pid_t tid = 0;
+  std::thread t([&] { tid = gettid(); });
+  t.join();
   ring.Drain();
 
   // (A sanitizer runtime may start threads of its own in the child: kind 2.)
@@ -86,17 +90,6 @@ TEST_F(KernRingTest, ForkedChildYieldsOneProcessForkAndOneProcessExit) {
   ASSERT_EQ(exits.size(), 1u);
   EXPECT_EQ(Comm(exits[0].comm), "tavo_kchild");
   EXPECT_GE(exits[0].hdr.ts, forks[0].hdr.ts);
-}
-
-TEST_F(KernRingTest, NewThreadIsKindTwoOfItsProcess) {
-  TAVO_REQUIRE_BPFFS();
-  Load();
-  Enable(TAVO_STATUS_CORE_ENABLED);
-  RingCollector ring(kNormalObject);
-  pid_t tid = 0;
-  std::thread t([&] { tid = gettid(); });
-  t.join();
-  ring.Drain();
 
   auto mine = Filter(ring.Of<tavo_task_create_event>(TAVO_EVENT_SCHED_TASK_CREATE),
                      [&](const tavo_task_create_event& r) { return r.pid == getpid() || r.pid == tid; });
@@ -105,10 +98,10 @@ TEST_F(KernRingTest, NewThreadIsKindTwoOfItsProcess) {
     EXPECT_EQ(r.pid, getpid());
     EXPECT_EQ(r.kind, (uint32_t)TAVO_TASK_KIND_THREAD);
   }
-  auto exits = Filter(ring.Of<tavo_task_exit_event>(TAVO_EVENT_SCHED_TASK_EXIT),
-                      [&](const tavo_task_exit_event& r) { return r.pid == getpid() || r.pid == tid; });
-  ASSERT_GE(exits.size(), 1u);
-  for (const auto& r : exits) EXPECT_EQ(r.kind, (uint32_t)TAVO_TASK_KIND_THREAD);
+  auto threadExits = Filter(ring.Of<tavo_task_exit_event>(TAVO_EVENT_SCHED_TASK_EXIT),
+                            [&](const tavo_task_exit_event& r) { return r.pid == getpid() || r.pid == tid; });
+  ASSERT_GE(threadExits.size(), 1u);
+  for (const auto& r : threadExits) EXPECT_EQ(r.kind, (uint32_t)TAVO_TASK_KIND_THREAD);
 }
 
 // Ends the whole process (exit_group), so that helper threads of a
@@ -119,7 +112,6 @@ void* LingeringThread(void*) {
 }
 
 TEST_F(KernRingTest, LeaderExitingFirstStillYieldsOneProcessExitAtTheEnd) {
-  TAVO_REQUIRE_BPFFS();
   Load();
   Enable(TAVO_STATUS_CORE_ENABLED);
   RingCollector ring(kNormalObject);
@@ -157,7 +149,6 @@ TEST_F(KernRingTest, LeaderExitingFirstStillYieldsOneProcessExitAtTheEnd) {
 }
 
 TEST_F(KernRingTest, CoreGateHoldsBackLifeCycleRecords) {
-  TAVO_REQUIRE_BPFFS();
   Load();
   Enable(TAVO_STATUS_NORMAL_ENABLED);  // bit 1 clear
   RingCollector ring(kNormalObject);
@@ -170,7 +161,6 @@ TEST_F(KernRingTest, CoreGateHoldsBackLifeCycleRecords) {
 }
 
 TEST_F(KernRingTest, RssRecordsAreChargedToTheTouchingChild) {
-  TAVO_REQUIRE_BPFFS();
   Tavo::Loader::LoaderOptions options;
   options.rssStepBytes = 4096;  // every page, so the last record is exact
   Load(options);
@@ -226,7 +216,6 @@ TEST_F(KernRingTest, RssRecordsAreChargedToTheTouchingChild) {
 }
 
 TEST_F(KernRingTest, TinyRingUnderForkStormSetsTheFullBit) {
-  TAVO_REQUIRE_BPFFS();
   Tavo::Loader::LoaderOptions options;
   options.normalRingBytes = 4096;
   Load(options);

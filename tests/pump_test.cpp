@@ -166,7 +166,7 @@ TEST_F(Pump, FullMarkReportedOnFirstPollAndCleared) {
             1);
 }
 
-TEST_F(Pump, StatusCheckThrottledUnlessForced) {
+TEST_F(Pump, StatusCheckThrottledUnlessForcedAndEnableFlags) {
   ASSERT_TRUE(object.PinRingMaps(kNormal));
   Peer::StatusFd(service)[0].reset(bpf_obj_get("/sys/fs/bpf/tavo/map_TavoBpfDefineset_ringbuf_status"));
   object.SetStatus(TAVO_STATUS_FLAGS, kForeignBits | 7);
@@ -183,11 +183,8 @@ TEST_F(Pump, StatusCheckThrottledUnlessForced) {
   object.SetStatus(TAVO_STATUS_FLAGS, 1);
   EXPECT_FALSE(service->checkBpfRingBuffStatus(0, true));
   EXPECT_EQ(log.Count("bpf ringbuff full!", ANDROID_LOG_WARN), 2);
-}
 
-TEST_F(Pump, EnableFlagsChangeOneBitEach) {
-  ASSERT_TRUE(object.PinRingMaps(kNormal));
-  Peer::StatusFd(service)[0].reset(bpf_obj_get("/sys/fs/bpf/tavo/map_TavoBpfDefineset_ringbuf_status"));
+  // Each enable call changes its own bit only.
   object.SetStatus(TAVO_STATUS_FLAGS, kForeignBits | 1);
   EXPECT_TRUE(service->enableCoreBpf(0, true));
   EXPECT_EQ(object.Status(TAVO_STATUS_FLAGS), kForeignBits | 3);
