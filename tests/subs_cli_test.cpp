@@ -26,6 +26,7 @@
 
 using namespace Tavo::Bpf;
 using subs_test::InProcessService;
+using subs_test::Subscribers;
 using subs_test::WaitFor;
 
 namespace {
@@ -116,8 +117,6 @@ class Child {
   android::base::unique_fd stdoutFd, stderrFd;
   std::string out, err;
 };
-
-size_t Subscribers(int type) { return EventManager::GetInstance()->GetEventObservers(type).size(); }
 
 TEST(SubsCli, WatchJsonPrintsEachInjectedEventAndEndsOnSigterm) {
   TAVO_REQUIRE_ISOLATION();

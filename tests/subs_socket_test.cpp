@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <optional>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -24,6 +25,7 @@ using subs_test::InProcessService;
 using subs_test::RawPeer;
 using subs_test::Register;
 using subs_test::Reply;
+using subs_test::Subscribers;
 using subs_test::WaitFor;
 
 namespace {
@@ -38,13 +40,10 @@ std::string EventFrame(uint32_t type, size_t size, uint8_t fill) {
   return Frame(3, std::string(record.begin(), record.end()));
 }
 
-size_t Subscribers(int type) { return EventManager::GetInstance()->GetEventObservers(type).size(); }
-
 // Collects what a library client receives.
 struct Collector {
   std::mutex lock;
   std::vector<std::string> raw;
-  std::vector<Tavo::Client::Event> events;
   void Attach(TavoClient& client) {
     client.SetRawCallback([this](const char* data, size_t n) {
       std::lock_guard<std::mutex> guard(lock);
@@ -57,37 +56,37 @@ struct Collector {
   }
 };
 
-TEST(SubsSocket, RawPeerGetsReplyThenEventsAsCommandThreePackages) {
-  TAVO_REQUIRE_ISOLATION();
-  InProcessService service;
-  ASSERT_TRUE(service.ok());
+// The service runs in this process for each test.
+class SubsSocket : public testing::Test {
+ protected:
+  void SetUp() override {
+    TAVO_REQUIRE_ISOLATION();
+    service.emplace();
+    ASSERT_TRUE(service->ok());
+  }
+  std::optional<InProcessService> service;
+};
+
+// Two requests in one write (the second refused), then events as command-3
+// packages; a request cut in two is answered once complete.
+TEST_F(SubsSocket, RawPeersGetRepliesThenEventsAndHalfARequestWaits) {
   RawPeer peer(subs_test::kSocket);
   ASSERT_TRUE(peer.ok());
-  // Two requests in one write, the second one refused.
   ASSERT_TRUE(peer.Send(Register(5, 5) + Frame(0, subs_test::RequestRecord(6, "nonsense", 5))));
   EXPECT_EQ(peer.Recv(56), Reply(5, 0) + Reply(6, -1));
   Inject(5, 120, 0xa1);
   Inject(5, 64, 0xa2);
   EXPECT_EQ(peer.Recv(2 * 16 + 120 + 64), EventFrame(5, 120, 0xa1) + EventFrame(5, 64, 0xa2));
-}
 
-TEST(SubsSocket, HalfARequestOnTheWireIsAnsweredWhenComplete) {
-  TAVO_REQUIRE_ISOLATION();
-  InProcessService service;
-  ASSERT_TRUE(service.ok());
-  RawPeer peer(subs_test::kSocket);
-  ASSERT_TRUE(peer.ok());
+  RawPeer half(subs_test::kSocket);
   const std::string frame = Register(9, 2);
-  ASSERT_TRUE(peer.Send(frame.substr(0, 21)));
-  EXPECT_EQ(peer.Recv(28, 200), "");
-  ASSERT_TRUE(peer.Send(frame.substr(21)));
-  EXPECT_EQ(peer.Recv(28), Reply(9, 0));
+  ASSERT_TRUE(half.Send(frame.substr(0, 21)));
+  EXPECT_EQ(half.Recv(28, 200), "");
+  ASSERT_TRUE(half.Send(frame.substr(21)));
+  EXPECT_EQ(half.Recv(28), Reply(9, 0));
 }
 
-TEST(SubsSocket, TwoClientsReceiveInOrderAndUnsubscribeAndCloseTakeEffect) {
-  TAVO_REQUIRE_ISOLATION();
-  InProcessService service;
-  ASSERT_TRUE(service.ok());
+TEST_F(SubsSocket, TwoClientsReceiveInOrderAndUnsubscribeAndCloseTakeEffect) {
   Collector ca, cb;  // outlive the clients that feed them
   TavoClient a(nullptr), b(nullptr);
   ca.Attach(a);
@@ -119,7 +118,7 @@ TEST(SubsSocket, TwoClientsReceiveInOrderAndUnsubscribeAndCloseTakeEffect) {
   }));
 }
 
-TEST(SubsSocket, ClientLibraryDecodesAndReportsRefusalsAndAbsentService) {
+TEST(SubsClientLibrary, DecodesAndReportsRefusalsAndAbsentService) {
   TAVO_REQUIRE_ISOLATION();
   {
     TavoClient early(nullptr);
@@ -160,10 +159,7 @@ TEST(SubsSocket, ClientLibraryDecodesAndReportsRefusalsAndAbsentService) {
   EXPECT_EQ(error->length, 20u);
 }
 
-TEST(SubsSocket, ClientSubscribesAgainAfterLosingItsConnection) {
-  TAVO_REQUIRE_ISOLATION();
-  InProcessService service;
-  ASSERT_TRUE(service.ok());
+TEST_F(SubsSocket, ClientSubscribesAgainAfterLosingItsConnection) {
   std::atomic<int> ups{0}, downs{0};
   Collector collected;
   TavoClient client(nullptr);
@@ -184,10 +180,7 @@ TEST(SubsSocket, ClientSubscribesAgainAfterLosingItsConnection) {
   EXPECT_EQ(Subscribers(4), 1u);
 }
 
-TEST(SubsSocket, ClientThatNeverReadsIsBoundedAndOthersCarryOn) {
-  TAVO_REQUIRE_ISOLATION();
-  InProcessService service;
-  ASSERT_TRUE(service.ok());
+TEST_F(SubsSocket, ClientThatNeverReadsIsBoundedAndOthersCarryOn) {
   RawPeer stuck(subs_test::kSocket);
   ASSERT_TRUE(stuck.ok());
   ASSERT_TRUE(stuck.Send(Register(1, 5)));

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "event/tavo_bpf_event_manager.h"
 #include "include/tavo_bpf_service_main.h"
 #include "service/tavo_bpf_service.h"
 #include "tests/support/frames.h"
@@ -50,6 +51,9 @@ inline std::string Reply(uint32_t reqId, int32_t result) {
   memcpy(&out[24], &respLength, 4);
   return out;
 }
+
+// Clients subscribed to one event type.
+inline size_t Subscribers(int type) { return Tavo::Bpf::EventManager::GetInstance()->GetEventObservers(type).size(); }
 
 inline std::vector<char> Record(uint32_t type, size_t size, uint8_t fill) {
   std::vector<char> record(size, static_cast<char>(fill));
