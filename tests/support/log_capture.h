@@ -27,7 +27,6 @@ class LogCapture {
   std::vector<LogLine> Lines() const;
   // Lines whose message contains text (optionally of one priority).
   int Count(const std::string& text, int priority = -1) const;
-  bool Contains(const std::string& text) const { return Count(text) > 0; }
   void Clear();
 };
 
