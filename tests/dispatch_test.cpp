@@ -33,7 +33,7 @@ std::string Frame3(const std::vector<char>& record) {
 
 }  // namespace
 
-TEST(Dispatch, TypeAboveFourteenIsCountedLoggedAndRefused) {
+TEST(Dispatch, TypeAboveFourteenAndShortRecordsAreLoggedAndRefused) {
   tavo_test::LogCapture log;
   auto r15 = Record(15, 24);
   auto r16 = Record(16, 24);
@@ -46,10 +46,8 @@ TEST(Dispatch, TypeAboveFourteenIsCountedLoggedAndRefused) {
   auto big = Record(0x80000001u, 24);
   EXPECT_EQ(TavoBpfService::handleBpfRingBuffEvent(nullptr, big.data(), big.size()), -1);
   EXPECT_EQ(log.Count("Type: 2147483649"), 1);
-}
 
-TEST(Dispatch, ShortRecordIsRefusedBeforeItIsRead) {
-  tavo_test::LogCapture log;
+  // A record shorter than its header is refused before it is read.
   auto record = Record(2, 15);
   const uint32_t before = CountNow(2);
   EXPECT_EQ(TavoBpfService::handleBpfRingBuffEvent(nullptr, record.data(), record.size()), 0);
