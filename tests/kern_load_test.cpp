@@ -40,20 +40,13 @@ bool Exists(const std::string& name) {
   return stat(tavo_test::PinPath(name).c_str(), &st) == 0;
 }
 
-uint32_t MapId(const std::string& name) {
+// Facts of a pinned map; all zero when it cannot be read.
+bpf_map_info MapInfo(const std::string& name) {
   android::base::unique_fd fd = OpenPin(name);
   bpf_map_info info{};
   uint32_t len = sizeof(info);
-  if (fd < 0 || bpf_obj_get_info_by_fd(fd.get(), &info, &len) != 0) return 0;
-  return info.id;
-}
-
-uint32_t MapMaxEntries(const std::string& name) {
-  android::base::unique_fd fd = OpenPin(name);
-  bpf_map_info info{};
-  uint32_t len = sizeof(info);
-  if (fd < 0 || bpf_obj_get_info_by_fd(fd.get(), &info, &len) != 0) return 0;
-  return info.max_entries;
+  if (fd < 0 || bpf_obj_get_info_by_fd(fd.get(), &info, &len) != 0) return bpf_map_info{};
+  return info;
 }
 
 class KernLoadTest : public testing::Test {
@@ -83,15 +76,12 @@ TEST_F(KernLoadTest, EveryTableRowAndServiceMapIsPinned) {
       {"map_TavoBpfGplDefineset_dmabuf_size_map", 4, sizeof(tavo_dmabuf_size_value)},
   };
   for (const MapShape& m : maps) {
-    android::base::unique_fd fd = OpenPin(m.name);
-    ASSERT_GE(fd.get(), 0) << m.name;
-    bpf_map_info info{};
-    uint32_t len = sizeof(info);
-    ASSERT_EQ(bpf_obj_get_info_by_fd(fd.get(), &info, &len), 0);
+    const bpf_map_info info = MapInfo(m.name);
+    ASSERT_NE(info.id, 0u) << m.name;
     EXPECT_EQ(info.key_size, m.key) << m.name;
     EXPECT_EQ(info.value_size, m.value) << m.name;
   }
-  EXPECT_EQ(MapMaxEntries("map_TavoBpfDefineset_ringbuf_status"), (uint32_t)TAVO_STATUS_KEYS);
+  EXPECT_EQ(MapInfo("map_TavoBpfDefineset_ringbuf_status").max_entries, (uint32_t)TAVO_STATUS_KEYS);
   EXPECT_TRUE(Exists("map_TavoBpfDefineset_ringbuf_map"));
   EXPECT_TRUE(Exists("map_TavoBpfGplDefineset_ringbuf_map"));
 }
@@ -124,13 +114,13 @@ TEST_F(KernLoadTest, TracepointsAttachAndKprobesOnlyWhereTheKernelHasThem) {
 
 TEST_F(KernLoadTest, SecondLoadReplacesStalePinsAndTinyRingIsHonoured) {
   Load();
-  const uint32_t firstRing = MapId("map_TavoBpfDefineset_ringbuf_map");
+  const uint32_t firstRing = MapInfo("map_TavoBpfDefineset_ringbuf_map").id;
   Tavo::Loader::LoaderOptions options;
   options.normalRingBytes = 4096;
   Tavo::Loader::LoadReport second;
   ASSERT_TRUE(tavo_test::LoadForTest(options, &second));
-  EXPECT_NE(MapId("map_TavoBpfDefineset_ringbuf_map"), firstRing);
-  EXPECT_EQ(MapMaxEntries("map_TavoBpfDefineset_ringbuf_map"), 4096u);
+  EXPECT_NE(MapInfo("map_TavoBpfDefineset_ringbuf_map").id, firstRing);
+  EXPECT_EQ(MapInfo("map_TavoBpfDefineset_ringbuf_map").max_entries, 4096u);
   EXPECT_EQ(tavo_test::StatusValue("TavoBpfDefineset", TAVO_STATUS_RING_SIZE), 4096u);
   EXPECT_EQ(second.pins.size(), report_.pins.size());
 }
