@@ -22,8 +22,7 @@ class AttachWithObject : public ::testing::Test {
   void SetUp() override {
     TAVO_REQUIRE_BPFFS();
     if (!tavo_test::Env().tracefs) GTEST_SKIP() << "no tracefs";
-    const std::string why = object.Load();
-    ASSERT_EQ(why, "");
+    ASSERT_EQ(object.Load(), "");
   }
   // Every tracepoint row of the normal table, pinned as the loader would.
   void PinNormalTracepoints() {

@@ -103,7 +103,6 @@ class RingCollector {
     }
     return out;
   }
-  size_t size() const { return records_.size(); }
 
  private:
   static int OnSample(void* ctx, void* data, size_t size) {

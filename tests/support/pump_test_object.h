@@ -27,13 +27,11 @@ class PumpTestObject {
   PumpTestObject(const PumpTestObject&) = delete;
   PumpTestObject& operator=(const PumpTestObject&) = delete;
 
-  // Opens and loads the object; ringBytes resizes the ring (0 = as built).
-  // Returns an empty string or the reason of the failure.
-  std::string Load(uint32_t ringBytes = 0) {
+  // Opens and loads the object; returns an empty string or the reason of the failure.
+  std::string Load() {
     mkdir(kTavoPinDir, 0700);
     object = bpf_object__open_file(TAVO_PUMP_BPF_OBJECT, nullptr);
     if (object == nullptr) return "open " + std::string(TAVO_PUMP_BPF_OBJECT) + " failed";
-    if (ringBytes != 0 && bpf_map__set_max_entries(Map("ringbuf_map"), ringBytes) != 0) return "ring resize failed";
     if (bpf_object__load(object) != 0) return "loading the test BPF object failed";
     return "";
   }
