@@ -68,7 +68,7 @@ TEST(TaskHandlers, InitRecordFillsTaskWithSwapAndShmemReordered) {
             std::make_tuple(int64_t{1700000000}, kT0, uint64_t{0}, 0u));
 }
 
-TEST(TaskHandlers, ShortRecordsAreRefusedWithoutReading) {
+TEST(TaskHandlers, ShortRecordsAndUnknownKindsAreRefused) {
   LogCapture log;
   Init(10, 1, "x");
   auto init = InitRecord(11, 1, "x", kT0);
@@ -85,6 +85,14 @@ TEST(TaskHandlers, ShortRecordsAreRefusedWithoutReading) {
   EXPECT_EQ(Stored(11).pid, 0);
   EXPECT_EQ(Stored(10).pid, 10);
   EXPECT_EQ(Stored(10).rssSize[1], 0);
+
+  // Unknown kinds are logged and change nothing.
+  Fork(6000, 1, "x", kT0, 3);
+  Exit(10, "x", kT0, 0);
+  EXPECT_EQ(log.Count("[TavoBpfService] Task Create raw event (SCHED__TASK_CREATE) error!", ANDROID_LOG_ERROR), 1);
+  EXPECT_EQ(log.Count("[TavoBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!", ANDROID_LOG_ERROR), 1);
+  EXPECT_EQ(Stored(6000).pid, 0);
+  EXPECT_EQ(Stored(10).pid, 10);
 }
 
 TEST(TaskHandlers, ProcessForkAndExitSendNotices) {
@@ -124,15 +132,6 @@ TEST(TaskHandlers, ForkWithoutParentReadsProcOrFallsBack) {
   const auto notices = sink.Take();
   ASSERT_EQ(notices.size(), 2u);
   EXPECT_EQ(notices[1], AsString(tavo_notice_process_start{50001, gone, 0, 10001, "vanished"}));
-}
-
-TEST(TaskHandlers, UnknownKindsAreLogged) {
-  LogCapture log;
-  Fork(6000, 1, "x", kT0, 3);
-  Exit(6000, "x", kT0, 0);
-  EXPECT_EQ(log.Count("[TavoBpfService] Task Create raw event (SCHED__TASK_CREATE) error!", ANDROID_LOG_ERROR), 1);
-  EXPECT_EQ(log.Count("[TavoBpfService] Task Exit raw event (SCHED__TASK_EXIT) error!", ANDROID_LOG_ERROR), 1);
-  EXPECT_EQ(Stored(6000).pid, 0);
 }
 
 TEST(TaskHandlers, ThreadNoticesNeedSettlingTimeAndStepOfEleven) {
