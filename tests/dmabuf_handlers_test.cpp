@@ -20,6 +20,7 @@
 #include "tests/support/frames.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/service_peer.h"
+#include "tests/support/task_records.h"
 
 using namespace Tavo::Bpf;
 
@@ -74,11 +75,7 @@ std::vector<char> Record(const Step& step) {
 void Apply(const Step& step) {
   if (step.type == kExit) {
     // Through the process-exit handler, which hands the pid to the GPL side.
-    tavo_task_exit_event exit{};
-    exit.hdr.type = TAVO_EVENT_SCHED_TASK_EXIT;
-    exit.hdr.ts = step.ts;
-    exit.pid = step.pid;
-    exit.kind = TAVO_TASK_KIND_PROCESS;
+    auto exit = tavo_test::ExitRecord(step.pid, "", step.ts, TAVO_TASK_KIND_PROCESS);
     ASSERT_EQ(TavoBpfService::handleBpfRingBuffEvent(nullptr, &exit, sizeof(exit)), 0);
     return;
   }

@@ -21,6 +21,7 @@
 #include "service/tavo_bpf_service.h"
 #include "task/tavo_bpf_task_manager.h"
 #include "tests/subs_test_util.h"
+#include "tests/support/task_records.h"
 #include "tests/support/test_env.h"
 #include "tools/tavo_cli/tavoctl_service_finder.h"
 
@@ -127,14 +128,7 @@ TEST(SubsCli, WatchJsonPrintsEachInjectedEventAndEndsOnSigterm) {
     return Subscribers(TAVO_NOTICE_PROCESS_START) == 1 && Subscribers(2) == 1 && Subscribers(5) == 1;
   }, 5000));
 
-  tavo_task_create_event fork{};
-  fork.hdr.type = TAVO_EVENT_SCHED_TASK_CREATE;
-  fork.hdr.ts = 5000;
-  fork.ppid = 1;
-  fork.pid = 4242;
-  fork.uid = 10001;
-  memcpy(fork.comm, "my app", 6);
-  fork.kind = TAVO_TASK_KIND_PROCESS;
+  auto fork = tavo_test::CreateRecord(4242, 1, "my app", 5000, TAVO_TASK_KIND_PROCESS);
   // The fork handler registers the task and sends the start notice itself.
   TavoBpfService::handleBpfRingBuffEvent(nullptr, &fork, sizeof(fork));
   auto cgroup = subs_test::Record(5, 30, 0);  // shorter than its layout

@@ -15,6 +15,7 @@
 #include "service/tavo_bpf_service.h"
 #include "tests/subs_test_util.h"
 #include "tests/support/service_peer.h"
+#include "tests/support/task_records.h"
 #include "tests/support/test_env.h"
 #include "tools/tavo_client/tavo_client.h"
 
@@ -136,12 +137,7 @@ TEST(SubsClientLibrary, DecodesAndReportsRefusalsAndAbsentService) {
   });
   ASSERT_EQ(client.Connect(), 0);
   ASSERT_EQ(client.Subscribe(TAVO_EVENT_SCHED_TASK_EXIT), 0);
-  tavo_task_exit_event exitRecord{};
-  exitRecord.hdr.type = TAVO_EVENT_SCHED_TASK_EXIT;
-  exitRecord.hdr.ts = 77;
-  exitRecord.pid = 4321;
-  memcpy(exitRecord.comm, "worker", 6);
-  exitRecord.kind = TAVO_TASK_KIND_THREAD;
+  auto exitRecord = tavo_test::ExitRecord(4321, "worker", 77, TAVO_TASK_KIND_THREAD);
   TavoBpfService::handleBpfRingBuffEvent(nullptr, &exitRecord, sizeof(exitRecord));
   TavoBpfService::handleBpfRingBuffEvent(nullptr, &exitRecord, 20);  // cut short
   ASSERT_TRUE(WaitFor([&] {
