@@ -67,9 +67,8 @@ std::vector<char> Record(const Step& step) {
   record.size = step.size;
   record.map_key = step.key;
   record.buf_id = step.buf;
-  std::vector<char> bytes(sizeof(record));
-  memcpy(bytes.data(), &record, sizeof(record));
-  return bytes;
+  const char* bytes = reinterpret_cast<const char*>(&record);
+  return std::vector<char>(bytes, bytes + sizeof(record));
 }
 
 void Apply(const Step& step) {

@@ -62,10 +62,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(SubsCallbacks, ShortRequestIsRefusedWithoutReadingOn) {
   // Only 43 bytes: the event type would lie past the end.
-  std::vector<char> record(43, 0);
-  const uint32_t reqId = 9;
-  memcpy(record.data(), &reqId, 4);
-  memcpy(record.data() + 4, "register-event-monitor", 23);
+  std::string record = RequestRecord(9, std::string("register-event-monitor") + '\0', 2);
+  record.resize(43);
   Buffer send(256);
   Service()->onEventProvideReqCallBack(3, record.data(), 43, &send.state);
   EXPECT_EQ(send.Written(), Reply(9, -1));
