@@ -5,11 +5,9 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
