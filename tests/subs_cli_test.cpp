@@ -119,13 +119,16 @@ class Child {
   std::string out, err;
 };
 
-TEST(SubsCli, WatchJsonPrintsEachInjectedEventAndEndsOnSigterm) {
+// Two watchers at once: JSON lines ended by SIGTERM, a text line by SIGINT.
+TEST(SubsCli, WatchPrintsJsonAndTextLinesAndEndsOnSignal) {
   TAVO_REQUIRE_ISOLATION();
   InProcessService service;
   ASSERT_TRUE(service.ok());
   Child watch({"watch", "--json", "start", "fork", "5"});
+  Child text({"watch", "end"});
   ASSERT_TRUE(WaitFor([] {
-    return Subscribers(TAVO_NOTICE_PROCESS_START) == 1 && Subscribers(2) == 1 && Subscribers(5) == 1;
+    return Subscribers(TAVO_NOTICE_PROCESS_START) == 1 && Subscribers(2) == 1 && Subscribers(5) == 1 &&
+           Subscribers(TAVO_NOTICE_PROCESS_EXIT) == 1;
   }, 5000));
 
   auto fork = tavo_test::CreateRecord(4242, 1, "my app", 5000, TAVO_TASK_KIND_PROCESS);
@@ -133,6 +136,9 @@ TEST(SubsCli, WatchJsonPrintsEachInjectedEventAndEndsOnSigterm) {
   TavoBpfService::handleBpfRingBuffEvent(nullptr, &fork, sizeof(fork));
   auto cgroup = subs_test::Record(5, 30, 0);  // shorter than its layout
   TavoBpfService::handleBpfRingBuffEvent(nullptr, cgroup.data(), cgroup.size());
+  tavo_notice_process_exit end{TAVO_NOTICE_PROCESS_EXIT, 99, {}};
+  memcpy(end.comm, "bash", 4);
+  EventManager::GetInstance()->AppendEvent(reinterpret_cast<char*>(&end), sizeof(end));
 
   const auto lines = watch.ReadLines(3);
   ASSERT_EQ(lines.size(), 3u) << watch.Out();
@@ -146,30 +152,19 @@ TEST(SubsCli, WatchJsonPrintsEachInjectedEventAndEndsOnSigterm) {
   EXPECT_EQ(body(lines[2]),
             ",\"event\":\"decode_error\",\"code\":5,\"reason\":\"short\",\"length\":30,\"expected\":120}");
   EXPECT_EQ(lines[0].rfind("{\"time\":\"", 0), 0u);
+  const auto textLines = text.ReadLines(1);
+  ASSERT_EQ(textLines.size(), 1u) << text.Out();
+  // "HH:MM:SS.mmm end pid=99 comm=bash"
+  ASSERT_EQ(textLines[0].size(), 12 + 21u) << textLines[0];
+  EXPECT_EQ(textLines[0][2], ':');
+  EXPECT_EQ(textLines[0][8], '.');
+  EXPECT_EQ(textLines[0].substr(12), " end pid=99 comm=bash");
 
   watch.Signal(SIGTERM);
   EXPECT_EQ(watch.Finish(), 0) << watch.Err();
-  EXPECT_TRUE(WaitFor([] { return Subscribers(2) == 0; }));
-}
-
-TEST(SubsCli, WatchTextLine) {
-  TAVO_REQUIRE_ISOLATION();
-  InProcessService service;
-  ASSERT_TRUE(service.ok());
-  Child watch({"watch", "end"});
-  ASSERT_TRUE(WaitFor([] { return Subscribers(TAVO_NOTICE_PROCESS_EXIT) == 1; }, 5000));
-  tavo_notice_process_exit end{TAVO_NOTICE_PROCESS_EXIT, 99, {}};
-  memcpy(end.comm, "bash", 4);
-  EventManager::GetInstance()->AppendEvent(reinterpret_cast<char*>(&end), sizeof(end));
-  const auto lines = watch.ReadLines(1);
-  ASSERT_EQ(lines.size(), 1u);
-  // "HH:MM:SS.mmm end pid=99 comm=bash"
-  ASSERT_EQ(lines[0].size(), 12 + 21u) << lines[0];
-  EXPECT_EQ(lines[0][2], ':');
-  EXPECT_EQ(lines[0][8], '.');
-  EXPECT_EQ(lines[0].substr(12), " end pid=99 comm=bash");
-  watch.Signal(SIGINT);
-  EXPECT_EQ(watch.Finish(), 0);
+  text.Signal(SIGINT);
+  EXPECT_EQ(text.Finish(), 0) << text.Err();
+  EXPECT_TRUE(WaitFor([] { return Subscribers(2) == 0 && Subscribers(TAVO_NOTICE_PROCESS_EXIT) == 0; }));
 }
 
 TEST(SubsCli, BadArgumentsAndHelp) {
