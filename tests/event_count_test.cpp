@@ -105,10 +105,16 @@ TEST(EventCountNames, UnknownNameIsSpeltAsShipped) {
   EXPECT_STREQ(TavoBpfDataState::EventName(-1), "UNKNOW");
 }
 
-TEST(EventCountDump, WritesTheCsvFileAndReplacesIt) {
+TEST(EventCountDump, LogsAnUnwritableDirectoryThenWritesTheCsvFileAndReplacesIt) {
   TAVO_REQUIRE_DATA();
-  ASSERT_EQ(system("mkdir -p /data/tavolog/stability"), 0);
   TavoBpfDataState state(&FakeClock);
+  {
+    // No /data/tavolog/stability: mkdir of the leaf fails and so does the open.
+    tavo_test::LogCapture log;
+    state.DumpState();
+    EXPECT_EQ(log.Count("[TavoBpfDataState][DumpState] open file failed!", ANDROID_LOG_ERROR), 1);
+  }
+  ASSERT_EQ(system("mkdir -p /data/tavolog/stability"), 0);
   state.RecordEvent(2, 3);
   state.DumpState();
   state.RecordEvent(2, 1);
@@ -119,13 +125,4 @@ TEST(EventCountDump, WritesTheCsvFileAndReplacesIt) {
   text << in.rdbuf();
   EXPECT_EQ(text.str(), state.FormatState());
   EXPECT_NE(text.str().find("\r\n4, 0, 0, 4, "), std::string::npos);
-}
-
-TEST(EventCountDump, UnwritableDirectoryLogsTheError) {
-  TAVO_REQUIRE_DATA();
-  // No /data/tavolog/stability: mkdir of the leaf fails and so does the open.
-  tavo_test::LogCapture log;
-  TavoBpfDataState state(&FakeClock);
-  state.DumpState();
-  EXPECT_EQ(log.Count("[TavoBpfDataState][DumpState] open file failed!", ANDROID_LOG_ERROR), 1);
 }

@@ -111,12 +111,6 @@ class KernE2eTest : public testing::Test {
     return out;
   }
 
-  static std::string MyComm() {
-    char comm[16] = {};
-    prctl(PR_GET_NAME, comm);
-    return comm;
-  }
-
   bool started_ = false;
   std::unique_ptr<TavoClient> client_;
   std::mutex lock_;
@@ -172,7 +166,9 @@ TEST_F(KernE2eTest, StartupScanForkedChildAndSignalledDumps) {
   auto starts = All<ProcessStartNotice>(events, [&](const ProcessStartNotice& n) { return n.pid == child; });
   ASSERT_EQ(starts.size(), 1u);
   EXPECT_EQ(starts[0].ppid, getpid());
-  EXPECT_EQ(starts[0].comm, MyComm());  // a fresh child carries its parent's name
+  char comm[16] = {};
+  prctl(PR_GET_NAME, comm);
+  EXPECT_EQ(starts[0].comm, comm);  // a fresh child carries its parent's name
   auto ends = All<ProcessExitNotice>(events, [&](const ProcessExitNotice& n) { return n.pid == child; });
   ASSERT_EQ(ends.size(), 1u);
   EXPECT_EQ(ends[0].comm, "tavo_e2e_kid");
