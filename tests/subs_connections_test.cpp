@@ -110,7 +110,7 @@ TEST(SubsCallbacks, RejectedFrameIsLoggedWithHexdumpAndStops) {
   });
 }
 
-TEST(SubsCallbacks, EventsReachSubscribersInSubscriptionOrderAndCloseDropsThem) {
+TEST(SubsCallbacks, EventsReachSubscribersInOrderAndCloseOrUnsubscribeDropsThem) {
   TavoBpfService* service = Service();
   auto& queues = TavoBpfServiceTestPeer::ClientQueues(service);
   for (int fd : {40, 41}) service->onClientLibConnection(fd);
@@ -141,6 +141,19 @@ TEST(SubsCallbacks, EventsReachSubscribersInSubscriptionOrderAndCloseDropsThem) 
   // Unknown fd: only its subscriptions (none) are dropped.
   service->onClientLibClose(99);
   EXPECT_EQ(queues.size(), 1u);
+
+  // A repeated register changes nothing; unregister stops delivery.
+  service->onClientLibConnection(60);
+  Buffer send(256);
+  std::string reg = RequestRecord(1, std::string("register-event-monitor") + '\0', 6);
+  std::string unreg = RequestRecord(2, std::string("unregister-event-monitor") + '\0', 6);
+  service->onEventProvideReqCallBack(60, reg.data(), 44, &send.state);
+  service->onEventProvideReqCallBack(60, reg.data(), 44, &send.state);
+  service->onEventProvideReqCallBack(60, unreg.data(), 44, &send.state);
+  EXPECT_EQ(send.Written(), Reply(1, 0) + Reply(1, 0) + Reply(2, 0));
+  auto other = subs_test::Record(6, 48, 1);
+  TavoBpfService::handleBpfRingBuffEvent(nullptr, other.data(), other.size());
+  EXPECT_EQ(queues.at(60).getIpcPackageCount(), 0u);
 }
 
 TEST(SubsCallbacks, WriteMovesOnlyWholePackagesThatFit) {
@@ -157,21 +170,6 @@ TEST(SubsCallbacks, WriteMovesOnlyWholePackagesThatFit) {
   EXPECT_EQ(queue.getIpcPackageCount(), 1u);
   Buffer none(8);
   EXPECT_EQ(service->onClientLibWriteable(77, &none.state), 0);
-}
-
-TEST(SubsCallbacks, UnsubscribeStopsDelivery) {
-  TavoBpfService* service = Service();
-  service->onClientLibConnection(60);
-  Buffer send(256);
-  std::string reg = RequestRecord(1, std::string("register-event-monitor") + '\0', 6);
-  std::string unreg = RequestRecord(2, std::string("unregister-event-monitor") + '\0', 6);
-  service->onEventProvideReqCallBack(60, reg.data(), 44, &send.state);
-  service->onEventProvideReqCallBack(60, reg.data(), 44, &send.state);  // repeated: no change
-  service->onEventProvideReqCallBack(60, unreg.data(), 44, &send.state);
-  EXPECT_EQ(send.Written(), Reply(1, 0) + Reply(1, 0) + Reply(2, 0));
-  auto record = subs_test::Record(6, 48, 1);
-  TavoBpfService::handleBpfRingBuffEvent(nullptr, record.data(), record.size());
-  EXPECT_EQ(TavoBpfServiceTestPeer::ClientQueues(service).at(60).getIpcPackageCount(), 0u);
 }
 
 }  // namespace
