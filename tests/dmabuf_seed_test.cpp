@@ -210,8 +210,6 @@ TEST(OpenFdSeed, RealProcessesGetTheirDescriptorCountAndName) {
   TAVO_REQUIRE_BPFFS();
   ASSERT_TRUE(PinHashMap(kOpenFdMap, 4, 48));
   tavo_test::ParkedChild one = FdChild(1), nine = FdChild(9);
-  ASSERT_GT(one.pid, 0);
-  ASSERT_GT(nine.pid, 0);
   tavo_test::LogCapture log;
   ASSERT_EQ(TavoBpfService::GetInstance()->initFdBpfProg(), 0);
   EXPECT_EQ(log.Count("[TavoBpfService][INIT] update open_fd_caller_map !", ANDROID_LOG_ERROR), 1);

@@ -25,8 +25,6 @@ T ReadAt(const char* p, size_t offset) {
   return value;
 }
 
-void PutFrame(TestBuffer& b, uint32_t command, const std::string& data) { b.Put(tavo_test::Frame(command, data)); }
-
 TEST(IpcBufferTest, CheckIpcPackageCompleteEdges) {
   struct Case {
     const char* what;
@@ -205,11 +203,11 @@ TEST(IpcPackageHandlerTest, DispatchesWholeFramesAndKeepsPartial) {
   table[1] = IpcCommandHandler();
   IpcPackageHandler handler(table);
   TestBuffer b(256);
-  PutFrame(b, 0, "first");
-  PutFrame(b, 1, "ignored");
-  PutFrame(b, 0, "second");
+  b.Put(tavo_test::Frame(0, "first"));
+  b.Put(tavo_test::Frame(1, "ignored"));
+  b.Put(tavo_test::Frame(0, "second"));
   const int64_t third = b.state.length;
-  PutFrame(b, 0, "third");
+  b.Put(tavo_test::Frame(0, "third"));
   b.state.length = third + 11;  // half of the third frame
   EXPECT_TRUE(handler.handleAllIpcPackageInBuffer(7, &b.state, nullptr));
   EXPECT_EQ(seen, (std::vector<std::string>{"first", "second"}));
@@ -222,8 +220,8 @@ TEST(IpcPackageHandlerTest, FailureStopsAndUnknownCodesLeaveEntry) {
   table[0] = [&calls](int, char*, int64_t, BufferState*) { return ++calls == 1 ? -1 : 0; };
   IpcPackageHandler handler(table);
   TestBuffer b(128);
-  PutFrame(b, 0, "a");
-  PutFrame(b, 0, "b");
+  b.Put(tavo_test::Frame(0, "a"));
+  b.Put(tavo_test::Frame(0, "b"));
   EXPECT_FALSE(handler.handleAllIpcPackageInBuffer(3, &b.state, nullptr));
   EXPECT_EQ(b.state.cursor, 0);
   EXPECT_EQ(calls, 1);
