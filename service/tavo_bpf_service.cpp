@@ -196,7 +196,14 @@ int TavoBpfService::Wait() {
 
 int TavoBpfService::eventProduceThread() {
   NameAndPinThread("BpfServicePoll", "[TavoBpfService][eventProduceThread] set thread affinity failed. %s");
-  ipcManager->start();
+  {
+    // Under servicelock, so that a stop() racing this start either sees the
+    // server started (and stops it) or finds running cleared (and the server
+    // is never started, so no socket thread outlives Wait()).
+    std::lock_guard<std::mutex> guard(servicelock);
+    if (!running) return 0;
+    ipcManager->start();
+  }
   // A stop while waiting ends the thread instead of leaving it parked.
   while (GetServiceProperty(TAVO_BPF_READY, "0") == "0") {
     if (!running) return 0;
