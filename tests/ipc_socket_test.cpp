@@ -333,7 +333,7 @@ TEST(UnixIpcManagerTest, ClientReconnectsAfterServerLoss) {
   const int first = client.ipc->getSocketFd();
 
   server.reset();  // closes the listener and every connection
-  ASSERT_TRUE(WaitFor([&] { return log.Count("Wait 5 senconds") == 1; }));
+  ASSERT_TRUE(WaitFor([&] { return log.Count("Wait 5 senconds") >= 1; }));
   EXPECT_EQ(log.Count("[UnixIpcManager][onClientCloseCallback] Server socket abnormal close! ("), 1);
   EXPECT_EQ(client.Count(client.closed), 1u);
   EXPECT_EQ(client.At(client.closed, 0), first);
@@ -341,7 +341,7 @@ TEST(UnixIpcManagerTest, ClientReconnectsAfterServerLoss) {
   // The new server answers from its read callback; the client reads it.
   Endpoint again(true, SocketName(), 32768, Endpoint::ReadMode::kEcho);
   again.ipc->start();
-  ASSERT_TRUE(WaitFor([&] { return again.Count(again.connected) == 1; }, 7000));
+  ASSERT_TRUE(WaitFor([&] { return again.Count(again.connected) == 1; }, 15000));
   const int own = client.ipc->getSocketFd();
   ASSERT_GE(own, 0);
   ASSERT_TRUE(client.Queue(own, "back-1"));
