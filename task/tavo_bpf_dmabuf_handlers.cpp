@@ -135,12 +135,19 @@ int TavoBpfService::handleDmabuf_Release(char* data, long size) {
   return 0;
 }
 
+namespace {
+// A use newer than a noted exit marks the pid as a live (possibly new) process.
+void NoteLatestUse(std::map<int32_t, uint64_t>& lastUseTs, const tavo_dmabuf_event& record) {
+  uint64_t& lastUse = lastUseTs[record.pid];
+  if (record.hdr.ts > lastUse) lastUse = record.hdr.ts;
+}
+}  // namespace
+
 int TavoBpfService::handleDmabuf_Attach(char* data, long size) {
   reapExitedDmabufProcesses();
   tavo_dmabuf_event record;
   if (!ReadDmabufRecord(data, size, &record)) return 0;
-  uint64_t& lastUse = processDmabufLastUseTs[record.pid];
-  if (record.hdr.ts > lastUse) lastUse = record.hdr.ts;
+  NoteLatestUse(processDmabufLastUseTs, record);
   TakeUse(processDmabufRefs, processDmabufTotals, record);
   return 0;
 }
@@ -161,8 +168,7 @@ int TavoBpfService::handleDmabuf_Mmap(char* data, long size) {
   reapExitedDmabufProcesses();
   tavo_dmabuf_event record;
   if (!ReadDmabufRecord(data, size, &record)) return 0;
-  uint64_t& lastUse = processDmabufLastUseTs[record.pid];
-  if (record.hdr.ts > lastUse) lastUse = record.hdr.ts;
+  NoteLatestUse(processDmabufLastUseTs, record);
   // A buffer already in use only counts up; the key is then not recorded.
   if (TakeUse(processDmabufRefs, processDmabufTotals, record)) {
     processDmabufMappings[record.pid].insert_or_assign(record.map_key, record.buf_id);
