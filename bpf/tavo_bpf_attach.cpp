@@ -3,8 +3,8 @@
 
 #include <bcc/libbpf.h>
 #include <dirent.h>
+#include <unistd.h>
 
-#include "util/tavo_properties.h"
 #include <android-base/strings.h>
 
 #include <cerrno>
@@ -13,8 +13,10 @@
 #include <cstring>
 #include <memory>
 
-#include "bpf/tavo_bpf_attr_block.h"
+#include "bpf/tavo_bpf_pins.h"
+#include "bpf/tavo_bpf_syscall.h"
 #include "util/tavo_log.h"
+#include "util/tavo_properties.h"
 #include "util/tavo_strings.h"
 
 namespace Tavo::Bpf {
@@ -44,10 +46,32 @@ bool ParseVersionPiece(const std::string& piece, long* out) {
   return true;
 }
 
-int AttachKProbe(int fd, bool isEntry, const std::string& progName, const std::string& functionName) {
+// The program's own descriptor is only needed for the attach call; the
+// attachment holds its own reference.
+int AttachKProbe(android::base::unique_fd prog, bool isEntry, const std::string& progName,
+                 const std::string& functionName) {
   const std::string eventName = progName + kEventSuffix;
-  return bpf_attach_kprobe(fd, isEntry ? BPF_PROBE_ENTRY : BPF_PROBE_RETURN, eventName.c_str(),
+  return bpf_attach_kprobe(prog.get(), isEntry ? BPF_PROBE_ENTRY : BPF_PROBE_RETURN, eventName.c_str(),
                            functionName.c_str(), 0, 0);
+}
+
+int AttachTracepoint(android::base::unique_fd prog, const std::string& subSystem, const std::string& eventName) {
+  return bpf_attach_tracepoint(prog.get(), subSystem.c_str(), eventName.c_str());
+}
+
+int OpenProgram(const std::string& path) {
+  auto fd = BpfObjGet(path, kBpfReadOnly);
+  if (!fd.ok()) {
+    errno = fd.error().code();
+    return -1;
+  }
+  return fd->release();
+}
+
+// Keeps a successful attachment; passes the result through.
+int Keep(int fd, BpfAttachments* attached) {
+  if (fd >= 0 && attached != nullptr) attached->emplace_back(fd);
+  return fd;
 }
 
 }  // namespace
@@ -86,28 +110,25 @@ bool CheckBpfCompatibility(const std::string& kernelCompat) {
 bool IsBpfProg(std::string& name) { return android::base::StartsWith(name, kProgPrefix); }
 
 int RetrieveProgramFd(const std::string& dir, const std::string& fileName) {
-  const std::string path = dir + "/" + fileName;
-  return BpfObjGetReadOnly(path.c_str());
+  return OpenProgram(dir + "/" + fileName);
 }
 
 int RetrieveProgramFd(const std::string& dir, const std::string& objName, const std::string& progType,
                       const std::string& progName) {
   // The directory keeps its trailing slash: "/sys/fs/bpf/tavo//prog_..." is
   // the name the loader's pins are reached by.
-  const std::string path =
-      StringPrintf("%s/prog_%s_%s_%s", dir.c_str(), objName.c_str(), progType.c_str(), progName.c_str());
-  return BpfObjGetReadOnly(path.c_str());
+  return OpenProgram(PinnedProgramPath(dir, objName, progType, progName));
 }
 
 int AttachTracepointProgram(const std::string& dir, const std::string& objName, const std::string& progName,
                             const std::string& subSystem, const std::string& eventName) {
-  const int fd = RetrieveProgramFd(dir, objName, "tracepoint", progName);
+  const int fd = RetrieveProgramFd(dir, objName, kProgTypeTracepoint, progName);
   if (fd < 0) {
     TAVO_LOG_KEEP_ERRNO(TAVO_LOGE, "[AttachTracepointProgram] Retrieve tracepoint prog failed: %s",
                         progName.c_str());
     return -1;
   }
-  return bpf_attach_tracepoint(fd, subSystem.c_str(), eventName.c_str());
+  return AttachTracepoint(android::base::unique_fd(fd), subSystem, eventName);
 }
 
 int AttachTracepointProgram(const std::string& dir, const std::string& fileName, const std::string& subSystem,
@@ -119,11 +140,11 @@ int AttachTracepointProgram(const std::string& dir, const std::string& fileName,
                         subSystem.c_str(), eventName.c_str());
     return -1;
   }
-  return bpf_attach_tracepoint(fd, subSystem.c_str(), eventName.c_str());
+  return AttachTracepoint(android::base::unique_fd(fd), subSystem, eventName);
 }
 
 int AttachTracepointProgram(const std::string& dir, const std::string& objName, const std::string& progName) {
-  int fd = RetrieveProgramFd(dir, objName, "tracepoint", progName);
+  int fd = RetrieveProgramFd(dir, objName, kProgTypeTracepoint, progName);
   if (fd < 0) fd = RetrieveProgramFd(dir, objName);
   if (fd < 0) {
     TAVO_LOG_KEEP_ERRNO(TAVO_LOGE, "[AttachTracepointProgram] Retrieve tracepoint prog failed: %s",
@@ -133,12 +154,12 @@ int AttachTracepointProgram(const std::string& dir, const std::string& objName, 
   const size_t underscore = progName.find('_');
   const std::string subSystem = underscore == std::string::npos ? progName : progName.substr(0, underscore);
   const std::string eventName = underscore == std::string::npos ? progName : progName.substr(underscore + 1);
-  return bpf_attach_tracepoint(fd, subSystem.c_str(), eventName.c_str());
+  return AttachTracepoint(android::base::unique_fd(fd), subSystem, eventName);
 }
 
 int AttachKProbeProgram(const std::string& dir, const std::string& objName, const std::string& progName,
                         const std::string& functionName, bool isEntry) {
-  const int fd = RetrieveProgramFd(dir, objName, isEntry ? "kprobe" : "kretprobe", progName);
+  const int fd = RetrieveProgramFd(dir, objName, isEntry ? kProgTypeKprobe : kProgTypeKretprobe, progName);
   if (fd < 0) {
     if (isEntry) {
       TAVO_LOG_KEEP_ERRNO(TAVO_LOGE, "[AttachKProbeProgram] Retrieve kprobe prog failed: %s, function: %s",
@@ -156,12 +177,12 @@ int AttachKProbeProgram(const std::string& dir, const std::string& objName, cons
     TAVO_LOGI(kUtilsTag, "[AttachKProbeProgram] Attach kretprobe prog: return: progName: %s, functionName: %s",
               progName.c_str(), functionName.c_str());
   }
-  return AttachKProbe(fd, isEntry, progName, functionName);
+  return AttachKProbe(android::base::unique_fd(fd), isEntry, progName, functionName);
 }
 
 int AttachKProbeProgram(const std::string& dir, const std::string& objName, const std::string& progName) {
   // Both kinds are pinned under the "kprobe" type word in this form.
-  const int fd = RetrieveProgramFd(dir, objName, "kprobe", progName);
+  const int fd = RetrieveProgramFd(dir, objName, kProgTypeKprobe, progName);
   if (fd < 0) {
     TAVO_LOG_KEEP_ERRNO(TAVO_LOGE, "[AttachKProbeProgram] Retrieve kprobe prog failed: %s, prog: %s",
                         progName.c_str(), objName.c_str());
@@ -173,20 +194,21 @@ int AttachKProbeProgram(const std::string& dir, const std::string& objName, cons
   if (eventType.find("enter") != std::string::npos) {
     TAVO_LOGI(kUtilsTag, "[AttachKProbeProgram] Attach kprobe prog: enter: eventType: %s, eventName: %s",
               eventType.c_str(), eventName.c_str());
-    return AttachKProbe(fd, true, progName, eventName);
+    return AttachKProbe(android::base::unique_fd(fd), true, progName, eventName);
   }
   if (eventType.find("return") != std::string::npos) {
     TAVO_LOGI(kUtilsTag, "[AttachKProbeProgram] Attach kprobe prog: return: eventType: %s, eventName: %s",
               eventType.c_str(), eventName.c_str());
-    return AttachKProbe(fd, false, progName, eventName);
+    return AttachKProbe(android::base::unique_fd(fd), false, progName, eventName);
   }
   TAVO_LOGE(kUtilsTag, "[AttachKProbeProgram] (UNKNOW TYPE) kprobe prog failed: %s, prog: %s", progName.c_str(),
             objName.c_str());
+  close(fd);
   errno = EINVAL;
   return -1;
 }
 
-int AttachAllTavoBpfProgram(const std::string& dir, const BpfAttachTable& table) {
+int AttachAllTavoBpfProgram(const std::string& dir, const BpfAttachTable& table, BpfAttachments* attached) {
   if (table.empty()) return 0;
   int failures = 0;
   for (const auto& [object, byType] : table) {
@@ -203,22 +225,22 @@ int AttachAllTavoBpfProgram(const std::string& dir, const BpfAttachTable& table)
         }
         TAVO_LOGI(kUtilsTag, "Attach bpf prog start: %s, progName: %s", object.c_str(), row[0].c_str());
         switch (type) {
-          case 0:
-            if (AttachTracepointProgram(dir, object, row[0], row[1], row[2]) == -1) {
+          case kAttachTracepoint:
+            if (Keep(AttachTracepointProgram(dir, object, row[0], row[1], row[2]), attached) == -1) {
               TAVO_LOGE(kUtilsTag, "Attach tracepoint prog failed: %s, type: %s, msg: %s", object.c_str(),
                         row[0].c_str(), strerror(errno));
               ++failures;
             }
             break;
-          case 1:
-            if (AttachKProbeProgram(dir, object, row[0], row[1], true) == -1) {
+          case kAttachKprobe:
+            if (Keep(AttachKProbeProgram(dir, object, row[0], row[1], true), attached) == -1) {
               TAVO_LOGE(kUtilsTag, "Attach kprobe prog failed: %s, progname: %s, msg: %s", object.c_str(),
                         row[0].c_str(), strerror(errno));
               ++failures;
             }
             break;
-          case 2:
-            if (AttachKProbeProgram(dir, object, row[0], row[1], false) == -1) {
+          case kAttachKretprobe:
+            if (Keep(AttachKProbeProgram(dir, object, row[0], row[1], false), attached) == -1) {
               TAVO_LOGE(kUtilsTag, "Attach kretprobe prog failed: %s, progname: %s, msg: %s", object.c_str(),
                         row[0].c_str(), strerror(errno));
               ++failures;
@@ -235,7 +257,7 @@ int AttachAllTavoBpfProgram(const std::string& dir, const BpfAttachTable& table)
   return failures;
 }
 
-int AttachAllTavoBpfProgram(const std::string& dir) {
+int AttachAllTavoBpfProgram(const std::string& dir, BpfAttachments* attached) {
   std::unique_ptr<DIR, int (*)(DIR*)> handle(opendir(dir.c_str()), closedir);
   if (!handle) return 0;
   int failures = 0;
@@ -249,14 +271,14 @@ int AttachAllTavoBpfProgram(const std::string& dir) {
     const std::string progName =
         android::base::Join(std::vector<std::string>(pieces.begin() + 3, pieces.end()), "_");
     TAVO_LOGI(kUtilsTag, "Attach bpf prog (%s, type: %s) to %s", name.c_str(), type.c_str(), progName.c_str());
-    if (type == "tracepoint") {
-      if (AttachTracepointProgram(dir, object, progName) == -1 && errno != EEXIST) {
+    if (type == kProgTypeTracepoint) {
+      if (Keep(AttachTracepointProgram(dir, object, progName), attached) == -1 && errno != EEXIST) {
         TAVO_LOGE(kUtilsTag, "Attach tracepoint prog failed: %s, type: %s, msg: %s", name.c_str(), type.c_str(),
                   strerror(errno));
         ++failures;
       }
-    } else if (type == "kprobe") {
-      if (AttachKProbeProgram(dir, object, progName) == -1 && errno != EEXIST) {
+    } else if (type == kProgTypeKprobe) {
+      if (Keep(AttachKProbeProgram(dir, object, progName), attached) == -1 && errno != EEXIST) {
         TAVO_LOGE(kUtilsTag, "Attach kprobe prog failed: %s, type: %s, msg: %s", name.c_str(), type.c_str(),
                   strerror(errno));
         ++failures;

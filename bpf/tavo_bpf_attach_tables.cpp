@@ -1,32 +1,34 @@
 // Which pinned programs each object attaches, to which hook, on which kernels.
-#include "service/tavo_bpf_service.h"
+#include "bpf/tavo_bpf_attach_tables.h"
+
+#include "bpf/tavo_bpf_pins.h"
 
 namespace Tavo::Bpf {
 
-const BpfAttachTable TavoBpfService::PROG_EVENT_MAP = {
-    {"TavoBpfDefineset",
+const BpfAttachTable PROG_EVENT_MAP = {
+    {kNormalObject,
      {
-         {0,
+         {kAttachTracepoint,
           {
               {"sched_sched_switch", "sched", "sched_switch", "5.0+"},
               {"sched_sched_process_exit", "sched", "sched_process_exit", "5.0+"},
               {"sched_sched_process_fork", "sched", "sched_process_fork", "5.0+"},
               {"kmem_rss_stat", "kmem", "rss_stat", "5.0+"},
           }},
-         {1, {{"enter_fd_install", "fd_install", "", "5.0+"}}},
-         {2, {{"return_filp_close", "filp_close", "", "5.0+"}}},
+         {kAttachKprobe, {{"enter_fd_install", "fd_install", "", "5.0+"}}},
+         {kAttachKretprobe, {{"return_filp_close", "filp_close", "", "5.0+"}}},
      }},
 };
 
-const BpfAttachTable TavoBpfService::PROG_GPL_EVENT_MAP = {
-    {"TavoBpfGplDefineset",
+const BpfAttachTable PROG_GPL_EVENT_MAP = {
+    {kGplObject,
      {
-         {0,
+         {kAttachTracepoint,
           {
               {"sched_sched_process_exit", "sched", "sched_process_exit", "5.0+"},
               {"cgroup_cgroup_attach_task", "cgroup", "cgroup_attach_task", "5.0+"},
           }},
-         {1,
+         {kAttachKprobe,
           {
               {"enter_dma_buf_file_release0_6_1", "dma_buf_file_release", "", "6.1"},
               {"enter_dma_buf_stats_setup0_6_1", "dma_buf_stats_setup", "", "6.1"},

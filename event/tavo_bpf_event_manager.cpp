@@ -3,81 +3,136 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ipc/ipc_package_manager.h"
-#include "service/tavo_bpf_service.h"
+#include "bpf/tavo_bpf_records.h"
+#include "ipc/ipc_package.h"
 
 namespace Tavo::Bpf {
 
-std::mutex EventManager::tavoRawEventManagerLock;
-EventManager* EventManager::instance = nullptr;
+namespace {
+constexpr int kRawCodes = TAVO_EVENT_MAX_RAW + 1;
+}  // namespace
 
-EventManager* EventManager::GetInstance() {
-  static std::once_flag once;
-  std::call_once(once, [] { instance = new EventManager(); });
-  return instance;
+EventManager::EventManager(WriteNotifier notify) : notify_(std::move(notify)) {}
+
+int EventManager::CodeSlot(int code) {
+  if (code >= 0 && code < kRawCodes) return code;
+  if (code >= TAVO_NOTICE_PROCESS_START && code <= TAVO_NOTICE_DMABUF_TOTAL) {
+    return kRawCodes + (code - TAVO_NOTICE_PROCESS_START);
+  }
+  return -1;
 }
 
-void EventManager::SetClientQueues(std::map<int, IpcPackageManager>* queues) {
-  std::lock_guard<std::mutex> guard(tavoRawEventManagerLock);
-  clientQueues = queues;
+EventManager::Client* EventManager::Find(int fd) {
+  auto it = clients_.find(fd);
+  return it == clients_.end() ? nullptr : it->second.get();
 }
 
-void EventManager::AddObserverEvent(int fd, int type) {
-  std::lock_guard<std::mutex> guard(tavoRawEventManagerLock);
-  auto& types = observerEvents[fd];
-  if (std::find(types.begin(), types.end(), type) != types.end()) return;
-  types.push_back(type);
-  eventObservers[type].push_back(fd);
+void EventManager::AddClient(int fd) {
+  MutexLock guard(lock_);
+  auto& slot = clients_[fd];
+  if (slot) return;  // an existing queue is kept as it is
+  slot = std::make_unique<Client>();
+  slot->fd = fd;
 }
 
-void EventManager::DelObserverEvent(int fd, int type) {
-  std::lock_guard<std::mutex> guard(tavoRawEventManagerLock);
-  auto& fds = eventObservers[type];
-  fds.erase(std::remove(fds.begin(), fds.end(), fd), fds.end());
-  auto& types = observerEvents[fd];
-  types.erase(std::remove(types.begin(), types.end(), type), types.end());
+void EventManager::RemoveClient(int fd) {
+  MutexLock guard(lock_);
+  auto it = clients_.find(fd);
+  if (it == clients_.end()) return;
+  for (int slot = 0; slot < kKnownCodes; ++slot) Unsubscribe(*it->second, slot);
+  clients_.erase(it);
+}
+
+void EventManager::Unsubscribe(Client& client, int slot) {
+  if (!client.subscribed.test(slot)) return;
+  observers_[slot].erase(client.positions[slot]);
+  client.subscribed.reset(slot);
+  client.order.erase(std::find(client.order.begin(), client.order.end(), slot));
+}
+
+bool EventManager::AddObserverEvent(int fd, int type) {
+  const int slot = CodeSlot(type);
+  if (slot < 0) return false;
+  MutexLock guard(lock_);
+  Client* client = Find(fd);
+  if (client == nullptr) return false;
+  if (client->subscribed.test(slot)) return true;  // a repeated subscription changes nothing
+  client->positions[slot] = observers_[slot].insert(observers_[slot].end(), client);
+  client->subscribed.set(slot);
+  client->order.push_back(slot);
+  return true;
+}
+
+bool EventManager::DelObserverEvent(int fd, int type) {
+  const int slot = CodeSlot(type);
+  if (slot < 0) return false;
+  MutexLock guard(lock_);
+  Client* client = Find(fd);
+  if (client == nullptr) return false;
+  Unsubscribe(*client, slot);
+  return true;
 }
 
 void EventManager::EraseObserver(int fd) {
-  std::lock_guard<std::mutex> guard(tavoRawEventManagerLock);
-  auto it = observerEvents.find(fd);
-  if (it == observerEvents.end()) return;
-  for (int type : it->second) {
-    auto& fds = eventObservers[type];
-    auto pos = std::find(fds.begin(), fds.end(), fd);
-    if (pos != fds.end()) fds.erase(pos);
-  }
-  observerEvents.erase(it);
+  MutexLock guard(lock_);
+  Client* client = Find(fd);
+  if (client == nullptr) return;
+  for (int slot = 0; slot < kKnownCodes; ++slot) Unsubscribe(*client, slot);
 }
 
-int EventManager::AppendEvent(char* data, unsigned long size) {
+int EventManager::AppendEvent(const char* data, unsigned long size) {
   if (data == nullptr || size < sizeof(uint32_t)) return 0;
   uint32_t code;
   memcpy(&code, data, sizeof(code));
-  // Fetched before the lock: creating the service takes this lock itself.
-  UnixIpcManager* ipc = TavoBpfService::GetInstance()->getIpcManager();
-  std::lock_guard<std::mutex> guard(tavoRawEventManagerLock);
-  if (eventObservers.empty() || clientQueues == nullptr) return 0;
-  auto it = eventObservers.find(static_cast<int>(code));
-  if (it == eventObservers.end()) return 0;
-  for (int fd : it->second) {
-    auto queue = clientQueues->find(fd);
-    if (queue != clientQueues->end()) queue->second.buildAndAppendSecondIpcPackage(3, data, size);
-  }
-  for (int fd : it->second) ipc->notifyNeedWriteData(fd);
+  const int slot = CodeSlot(static_cast<int>(code));
+  if (slot < 0) return 0;
+  MutexLock guard(lock_);
+  const std::list<Client*>& observers = observers_[slot];
+  if (observers.empty()) return 0;
+  // Every subscriber has its copy queued before the first is told.
+  for (Client* client : observers) client->queue.buildAndAppendSecondIpcPackage(IPC_COMMAND_EVENT, data, size);
+  for (Client* client : observers) notify_(client->fd);
   return 0;
 }
 
+void EventManager::FillSendBuffer(int fd, BufferState* send) {
+  IpcPackageManager* queue;
+  {
+    MutexLock guard(lock_);
+    Client* client = Find(fd);
+    if (client == nullptr) return;
+    queue = &client->queue;
+  }
+  // Drained without the table lock: queues are only destroyed on the socket
+  // thread, which is the one draining them, and they lock themselves.
+  while (queue->fillNextIpcPackageToBuffer(send)) {
+  }
+}
+
 std::vector<int> EventManager::GetObserverEvents(int fd) {
-  std::lock_guard<std::mutex> guard(tavoRawEventManagerLock);
-  auto it = observerEvents.find(fd);
-  return it == observerEvents.end() ? std::vector<int>() : it->second;
+  MutexLock guard(lock_);
+  std::vector<int> codes;
+  if (Client* client = Find(fd)) {
+    for (int slot : client->order) {
+      codes.push_back(slot < kRawCodes ? slot : TAVO_NOTICE_PROCESS_START + (slot - kRawCodes));
+    }
+  }
+  return codes;
 }
 
 std::vector<int> EventManager::GetEventObservers(int type) {
-  std::lock_guard<std::mutex> guard(tavoRawEventManagerLock);
-  auto it = eventObservers.find(type);
-  return it == eventObservers.end() ? std::vector<int>() : it->second;
+  const int slot = CodeSlot(type);
+  MutexLock guard(lock_);
+  std::vector<int> fds;
+  if (slot >= 0) {
+    for (const Client* client : observers_[slot]) fds.push_back(client->fd);
+  }
+  return fds;
+}
+
+size_t EventManager::ClientCount() {
+  MutexLock guard(lock_);
+  return clients_.size();
 }
 
 }  // namespace Tavo::Bpf

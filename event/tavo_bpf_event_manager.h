@@ -1,39 +1,76 @@
-// Which client wants which event types, and the fan-out to them.
+// Which client wants which event codes, each client's queue of outgoing
+// packages, and the fan-out of every record and notice to its subscribers.
+//
+// Only the known codes can be subscribed (raw types 0 to 14 and notices
+// 50001 to 50005), so the tables hold at most clients x codes entries.
+// Subscribing and unsubscribing cost O(1); a code's subscribers keep their
+// subscription order.
 #pragma once
 
+#include <android-base/thread_annotations.h>
+
+#include <array>
+#include <bitset>
+#include <cstdint>
+#include <functional>
+#include <list>
 #include <map>
-#include <mutex>
+#include <memory>
 #include <vector>
 
-class IpcPackageManager;
+#include "ipc/ipc_buffer_state.h"
+#include "ipc/ipc_package_manager.h"
+#include "util/tavo_mutex.h"
 
 namespace Tavo::Bpf {
 
 class EventManager {
  public:
-  // Guards the subscriptions and the service's client-queue map.
-  // Taken before TavoBpfService::servicelock where both are held.
-  static std::mutex tavoRawEventManagerLock;
+  static constexpr int kKnownCodes = 20;
+  // Asks the socket layer to flush a client's queue; may run under the lock.
+  using WriteNotifier = std::function<bool(int fd)>;
 
-  static EventManager* GetInstance();
+  explicit EventManager(WriteNotifier notify);
 
-  void SetClientQueues(std::map<int, IpcPackageManager>* queues);
-  void AddObserverEvent(int fd, int type);
-  void DelObserverEvent(int fd, int type);
-  void EraseObserver(int fd);
-  int AppendEvent(char* data, unsigned long size);
+  // Index of a subscribable code, or -1.
+  static int CodeSlot(int code);
 
-  // Snapshot of one client's subscriptions (diagnostics and tests).
-  std::vector<int> GetObserverEvents(int fd);
-  std::vector<int> GetEventObservers(int type);
+  // Socket thread: a client's queue lives from AddClient to RemoveClient.
+  void AddClient(int fd) EXCLUDES(lock_);
+  // Drops the client's subscriptions first, then its queue and what is in it.
+  void RemoveClient(int fd) EXCLUDES(lock_);
+  // False (nothing changed) for an unknown code or client.
+  bool AddObserverEvent(int fd, int type) EXCLUDES(lock_);
+  bool DelObserverEvent(int fd, int type) EXCLUDES(lock_);
+  void EraseObserver(int fd) EXCLUDES(lock_);
+
+  // Any thread: one command-3 package with the record for every subscriber
+  // of its code, then a flush request for each. Always 0.
+  int AppendEvent(const char* data, unsigned long size) EXCLUDES(lock_);
+  // Socket thread: moves whole queued packages of fd into its send buffer.
+  void FillSendBuffer(int fd, BufferState* send) EXCLUDES(lock_);
+
+  // Diagnostics and tests.
+  std::vector<int> GetObserverEvents(int fd) EXCLUDES(lock_);
+  std::vector<int> GetEventObservers(int type) EXCLUDES(lock_);
+  size_t ClientCount() EXCLUDES(lock_);
 
  private:
-  EventManager() = default;
+  struct Client {
+    int fd;
+    IpcPackageManager queue;
+    std::bitset<kKnownCodes> subscribed;
+    std::array<std::list<Client*>::iterator, kKnownCodes> positions;
+    std::vector<int> order;  // codes in subscription order
+  };
 
-  std::map<int, IpcPackageManager>* clientQueues = nullptr;
-  std::map<int, std::vector<int>> observerEvents;
-  std::map<int, std::vector<int>> eventObservers;
-  static EventManager* instance;
+  void Unsubscribe(Client& client, int slot) REQUIRES(lock_);
+  Client* Find(int fd) REQUIRES(lock_);
+
+  const WriteNotifier notify_;
+  Mutex lock_;
+  std::map<int, std::unique_ptr<Client>> clients_ GUARDED_BY(lock_);
+  std::array<std::list<Client*>, kKnownCodes> observers_ GUARDED_BY(lock_);
 };
 
 }  // namespace Tavo::Bpf

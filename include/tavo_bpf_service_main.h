@@ -1,13 +1,12 @@
 // What a host process needs to run the service.
 #pragma once
 
-#include "service/tavo_bpf_service.h"
-#include "util/tavo_export.h"
+#include "tavo_bpf_service.h"
 
 namespace Tavo::Bpf {
 
 // Starts the service unless "persist.sys.stability.bpfframework.disable"
 // is "1". Returns 1 when started, 0 when disabled.
-TAVO_EXPORT int BpfServiceMain();
+TAVO_BPF_SERVICE_EXPORT int BpfServiceMain();
 
 }  // namespace Tavo::Bpf

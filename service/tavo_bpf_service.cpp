@@ -1,58 +1,110 @@
 #include "service/tavo_bpf_service.h"
 
-#include <sched.h>
+#include <android-base/no_destructor.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
+#include <mutex>
 
-#include "bpf/tavo_bpf_attach.h"
-#include "event/tavo_bpf_event_manager.h"
+#include "bpf/tavo_bpf_attach_tables.h"
 #include "include/tavo_bpf_service_main.h"
-#include "service/tavo_bpf_dump_requests.h"
 #include "util/tavo_log.h"
 #include "util/tavo_properties.h"
 #include "util/tavo_time.h"
 
 namespace Tavo::Bpf {
 
-std::mutex TavoBpfService::servicelock;
-TavoBpfService* TavoBpfService::instance = nullptr;
-
 namespace {
 
 constexpr const char* kDisableProperty = "persist.sys.stability.bpfframework.disable";
-constexpr int kServerBufferSize = 32768;
-constexpr int kEpollSize = 10;
-constexpr int kEpollMaxEvents = 32;
-constexpr int kSupervisionSeconds = 60;
-
-// Wakes Wait() out of its supervision sleep as soon as stop() runs.
-std::mutex gWaitLock;
-std::condition_variable gWaitCond;
-
-cpu_set_t ServiceCpus() {
-  cpu_set_t cpus;
-  CPU_ZERO(&cpus);
-  for (int cpu = 0; cpu <= 2; ++cpu) CPU_SET(cpu, &cpus);
-  return cpus;
-}
+constexpr const char* TAVO_BPF_READY = "sys.tavo_bpf_ready";
 
 void NameAndPinThread(const char* name, const char* affinityError) {
   prctl(PR_SET_NAME, name);
-  cpu_set_t cpus = ServiceCpus();
+  const cpu_set_t cpus = TavoClientHubOptions::DefaultCpus();
   if (sched_setaffinity(gettid(), sizeof(cpus), &cpus) != 0) {
     TAVO_LOGE(kServiceTag, affinityError, strerror(errno));
   }
 }
 
+TavoRingPumpConfig PumpConfig(const TavoServiceOptions& options, int ring) {
+  TavoRingPumpConfig config;
+  config.index = ring;
+  config.pinDir = options.pinDir;
+  if (ring == kNormalRing) {
+    config.object = kNormalObject;
+    config.table = &PROG_EVENT_MAP;
+    config.logPrefix = "[TavoBpfService][eventMonitor]";
+    config.stopMessage = "Stop Event Produce Thread...";
+  } else {
+    config.object = kGplObject;
+    config.table = &PROG_GPL_EVENT_MAP;
+    config.logPrefix = "[TavoBpfService][gpleventMonitor]";
+    config.stopMessage = "Stop GPL Event Produce Thread...";
+  }
+  return config;
+}
+
+// Sleeps up to `period` under the service lock's condition; false once the
+// service is stopped.
+bool SleepWhileRunning(TavoBpfService::Parts& p, std::chrono::milliseconds period) {
+  p.servicelock.lock();
+  p.wake.wait_for(p.servicelock, period, [&p] { return !p.running; });
+  p.servicelock.unlock();
+  return p.running;
+}
+
 }  // namespace
 
+TavoBpfService::Parts::Parts(const TavoServiceOptions& options)
+    : options(options),
+      counters(&GetSystemSecondsTime),
+      reader(options.procRoot),
+      hub(options.hub),
+      dispatcher(counters, [this](const char* data, unsigned long size) { return hub.AppendEvent(data, size); }),
+      tracker(registry, reader, [this](const void* notice, size_t size) {
+        hub.AppendEvent(static_cast<const char*>(notice), size);
+      }),
+      dmabuf(registry, reader,
+             [this](const void* notice, size_t size) { hub.AppendEvent(static_cast<const char*>(notice), size); }),
+      pumps{{PumpConfig(options, kNormalRing), &TavoEventDispatcher::handleBpfRingBuffEvent, &dispatcher, counters},
+            {PumpConfig(options, kGplRing), &TavoEventDispatcher::handleBpfRingBuffEvent, &dispatcher, counters}},
+      dumps([this](int signo) {
+        const std::string& dir = this->options.dumpDir;
+        switch (signo) {
+          case 50: counters.DumpState(dir); break;
+          case 51: registry.DumpTavoTaskInfo(dir); break;
+          case 52: registry.DumpTavoTaskIgnoreKernelTaskInfo(dir); break;
+          case 53: registry.DumpTavoTaskInfoNormal(dir); break;
+          case 54: registry.DumpTavoTaskIgnoreKernelTaskInfoNormal(dir); break;
+        }
+      }) {
+  using namespace std::placeholders;
+  dispatcher.SetHandler(TAVO_EVENT_TASK_INIT, std::bind(&TavoTaskTracker::handleTavoTaskInitEvent, &tracker, _1, _2));
+  dispatcher.SetHandler(TAVO_EVENT_SCHED_TASK_CREATE,
+                        std::bind(&TavoTaskTracker::handleSched_SchedProcessFork, &tracker, _1, _2));
+  dispatcher.SetHandler(TAVO_EVENT_SCHED_TASK_EXIT,
+                        std::bind(&TavoTaskTracker::handleSched_SchedProcessExit, &tracker, _1, _2));
+  dispatcher.SetHandler(TAVO_EVENT_KMEM_RSS_INFO, std::bind(&TavoTaskTracker::handleKmem_RssStat, &tracker, _1, _2));
+  const std::pair<int, int (TavoDmabufAccounting::*)(char*, long)> dmabufHandlers[] = {
+      {TAVO_EVENT_DMABUF_SETUP, &TavoDmabufAccounting::handleDmabuf_Setup},
+      {TAVO_EVENT_DMABUF_RELEASE, &TavoDmabufAccounting::handleDmabuf_Release},
+      {TAVO_EVENT_DMABUF_ATTACH, &TavoDmabufAccounting::handleDmabuf_Attach},
+      {TAVO_EVENT_DMABUF_DETACH, &TavoDmabufAccounting::handleDmabuf_Detach},
+      {TAVO_EVENT_DMABUF_VMAP, &TavoDmabufAccounting::handleDmabuf_Vmap},
+      {TAVO_EVENT_DMABUF_VUNMAP, &TavoDmabufAccounting::handleDmabuf_Vunmap},
+      {TAVO_EVENT_DMABUF_MMAP, &TavoDmabufAccounting::handleDmabuf_Mmap},
+      {TAVO_EVENT_DMABUF_MUNMAP, &TavoDmabufAccounting::handleDmabuf_Munmap},
+  };
+  for (const auto& [type, handler] : dmabufHandlers) dispatcher.SetHandler(type, std::bind(handler, &dmabuf, _1, _2));
+  // A process's dma-buf entries go with the process.
+  tracker.SetExitObserver([this](int32_t pid, uint64_t ts) { dmabuf.NoteProcessExit(pid, ts); });
+}
+
 int BpfServiceMain() {
-  const std::string disabled = GetServiceProperty(kDisableProperty, "0");
-  if (disabled == "1") {
+  if (GetServiceProperty(kDisableProperty, "0") == "1") {
     TAVO_LOGI(kServiceTag, "[BpfServiceMain] Starting TAVO Bpf Service disabled!");
     return 0;
   }
@@ -62,173 +114,127 @@ int BpfServiceMain() {
 }
 
 TavoBpfService* TavoBpfService::GetInstance() {
-  // call_once instead of holding servicelock across construction: the
-  // constructor takes the event manager's lock, which ranks above servicelock.
-  static std::once_flag once;
-  std::call_once(once, [] {
-    auto* service = new TavoBpfService();
-    {
-      std::lock_guard<std::mutex> guard(servicelock);
-      instance = service;
-    }
-    EventManager::GetInstance()->SetClientQueues(&service->clientQueues);
-  });
-  return instance;
+  // Never destroyed: the host's threads may use it until the process ends.
+  static android::base::NoDestructor<std::unique_ptr<TavoBpfService>> instance(Create(TavoServiceOptions()));
+  return instance->get();
 }
 
-TavoBpfService::TavoBpfService() {
-  IpcHandlerState handlers;
-  handlers.read = [this](int fd, BufferState* receive, BufferState* send) {
-    return onClientLibReadable(fd, receive, send);
-  };
-  handlers.write = [this](int fd, BufferState* send) { return onClientLibWriteable(fd, send); };
-  handlers.connection = [this](int fd) { return onClientLibConnection(fd); };
-  handlers.close = [this](int fd) { return onClientLibClose(fd); };
-  ipcManager = std::make_unique<UnixIpcManager>(true, kServerBufferSize, SOCKET_PATH, handlers,
-                                                "BpfServiceTr", ServiceCpus(), kEpollSize,
-                                                kEpollMaxEvents);
-  packageManager = std::make_unique<IpcPackageManager>();
-
-  std::map<uint32_t, IpcCommandHandler> requests;
-  requests[0] = [this](int fd, char* data, int64_t length, BufferState* send) {
-    return onEventProvideReqCallBack(fd, data, length, send);
-  };
-  requests[1] = IpcCommandHandler();
-  requests[2] = IpcCommandHandler();
-  requests[3] = IpcCommandHandler();
-  packageHandler = std::make_unique<IpcPackageHandler>(requests);
-
-  uninitializedComms = {"main", "re-initialized>"};
-
-  const std::pair<int, int (TavoBpfService::*)(char*, long)> table[] = {
-      {0, &TavoBpfService::handleTavoTaskInitEvent},
-      {2, &TavoBpfService::handleSched_SchedProcessFork},
-      {3, &TavoBpfService::handleSched_SchedProcessExit},
-      {1, &TavoBpfService::handleKmem_RssStat},
-      {7, &TavoBpfService::handleDmabuf_Setup},
-      {8, &TavoBpfService::handleDmabuf_Release},
-      {9, &TavoBpfService::handleDmabuf_Attach},
-      {10, &TavoBpfService::handleDmabuf_Detach},
-      {11, &TavoBpfService::handleDmabuf_Vmap},
-      {12, &TavoBpfService::handleDmabuf_Vunmap},
-      {13, &TavoBpfService::handleDmabuf_Mmap},
-      {14, &TavoBpfService::handleDmabuf_Munmap},
-  };
-  for (const auto& [type, handler] : table) {
-    eventHandlers.insert_or_assign(type, [this, handler = handler](char* data, long size) {
-      return (this->*handler)(data, size);
-    });
-  }
+std::unique_ptr<TavoBpfService> TavoBpfService::Create(const TavoServiceOptions& options) {
+  return std::make_unique<TavoBpfService>(Passkey(), options);
 }
+
+TavoBpfService::TavoBpfService(Passkey, const TavoServiceOptions& options)
+    : parts_(std::make_unique<Parts>(options)) {}
 
 TavoBpfService::~TavoBpfService() {
-  ipcManager.reset();
-  packageManager.reset();
-  packageHandler.reset();
-  clientQueues.clear();
-  statusFd[1].reset();
-  statusFd[0].reset();
-  ringbufFd[1].reset();
-  ringbufFd[0].reset();
-  eventHandlers.clear();
-}
-
-void TavoBpfService::launchThread(std::thread& handle, int (TavoBpfService::*body)()) {
-  // An occupied handle means the thread was started already (by the poll
-  // thread or by Wait); a handle is never overwritten.
-  std::lock_guard<std::mutex> guard(dataLock);
-  if (handle.joinable()) return;
-  handle = std::thread([this, body] { (this->*body)(); });
+  stop();
+  Wait();
 }
 
 int TavoBpfService::start() {
-  // The pumps install these too; doing it here as well means a dump signal
-  // that arrives while the service still waits for the loader does not
-  // terminate the host (the default action of signals 50 to 54).
-  InstallDumpSignalHandlers();
-  std::lock_guard<std::mutex> guard(servicelock);
-  running = true;
-  launchThread(pollThread, &TavoBpfService::eventProduceThread);
+  Parts& p = *parts_;
+  // A dump signal that arrives while the service still waits for the loader
+  // must not end the host (their default action).
+  TavoDumpWorker::InstallSignalHandlers();
+  p.dumps.Start();
+  MutexLock guard(p.servicelock);
+  p.running = true;
+  for (TavoRingPump& pump : p.pumps) pump.Reset();
+  p.pollThread.Launch([this] { eventProduceThread(); }, p.options.supervisionPeriod);
   return 1;
 }
 
 int TavoBpfService::stop() {
+  Parts& p = *parts_;
   {
-    std::lock_guard<std::mutex> guard(servicelock);
-    ipcManager->stop();
-    running = false;
+    MutexLock guard(p.servicelock);
+    p.hub.Stop();
+    p.running = false;
+    for (TavoRingPump& pump : p.pumps) pump.Stop();
   }
-  std::lock_guard<std::mutex> guard(gWaitLock);
-  gWaitCond.notify_all();
+  p.wake.notify_all();
   return 0;
 }
 
 int TavoBpfService::Wait() {
-  auto joinAll = [this] {
-    ipcManager->join();
-    for (std::thread* handle : {&pollThread, &gplThread}) {
-      std::thread thread;
-      {
-        std::lock_guard<std::mutex> guard(dataLock);
-        thread.swap(*handle);
-      }
-      if (thread.joinable()) thread.join();
-    }
-  };
-  if (!running) {
-    joinAll();
-    return 0;
+  Parts& p = *parts_;
+  while (p.running) {
+    p.pollThread.Launch([this] { eventProduceThread(); }, p.options.supervisionPeriod);
+    // The GPL pump needs the loader's maps: it runs only after readiness.
+    if (p.ready) p.gplThread.Launch([this] { gpleventProduceThread(); }, p.options.supervisionPeriod);
+    SleepWhileRunning(p, p.options.supervisionPeriod);
   }
-  for (;;) {
-    launchThread(pollThread, &TavoBpfService::eventProduceThread);
-    launchThread(gplThread, &TavoBpfService::gpleventProduceThread);
-    {
-      std::unique_lock<std::mutex> guard(gWaitLock);
-      gWaitCond.wait_for(guard, std::chrono::seconds(kSupervisionSeconds),
-                         [this] { return !running; });
-    }
-    if (!running) {
-      joinAll();
-      return 0;
-    }
-  }
+  p.hub.Join();
+  p.pollThread.Join();
+  p.gplThread.Join();
+  return 0;
+}
+
+bool TavoBpfService::enableCoreBpf(int ring, bool enable) {
+  if (ring != kNormalRing && ring != kGplRing) return false;
+  return enable ? parts_->pumps[ring].UpdateFlags(TAVO_STATUS_CORE_ENABLED, 0)
+                : parts_->pumps[ring].UpdateFlags(0, TAVO_STATUS_CORE_ENABLED);
+}
+
+bool TavoBpfService::enableNormalBpf(int ring, bool enable) {
+  if (ring != kNormalRing && ring != kGplRing) return false;
+  return enable ? parts_->pumps[ring].UpdateFlags(TAVO_STATUS_NORMAL_ENABLED, 0)
+                : parts_->pumps[ring].UpdateFlags(0, TAVO_STATUS_NORMAL_ENABLED);
 }
 
 int TavoBpfService::eventProduceThread() {
+  Parts& p = *parts_;
   NameAndPinThread("BpfServicePoll", "[TavoBpfService][eventProduceThread] set thread affinity failed. %s");
   {
-    // Under servicelock, so that a stop() racing this start either sees the
-    // server started (and stops it) or finds running cleared (and the server
-    // is never started, so no socket thread outlives Wait()).
-    std::lock_guard<std::mutex> guard(servicelock);
-    if (!running) return 0;
-    ipcManager->start();
+    // Under the lock, so that a stop racing this start either sees the
+    // server started (and stops it) or finds the service stopped.
+    MutexLock guard(p.servicelock);
+    if (!p.running) return 0;
+    p.hub.Start();
   }
-  // A stop while waiting ends the thread instead of leaving it parked.
   while (GetServiceProperty(TAVO_BPF_READY, "0") == "0") {
-    if (!running) return 0;
-    sleep(1);
+    if (!SleepWhileRunning(p, p.options.readinessPeriod)) return 0;
   }
   if (!InitBasetime()) {
     TAVO_LOGE(kServiceTag, "[TavoBpfService][eventProduceThread] Init base time failed! errMsg: %s",
               strerror(errno));
   }
-  launchThread(gplThread, &TavoBpfService::gpleventProduceThread);
-  const int result = AttachAllTavoBpfProgram(BPF_FS_PATH, PROG_EVENT_MAP);
+  p.ready = true;
+  p.gplThread.Launch([this] { gpleventProduceThread(); }, p.options.supervisionPeriod);
+
+  TavoRingPump& pump = p.pumps[kNormalRing];
+  const int result = pump.Attach();
   if (result != 0) {
     TAVO_LOGE(kServiceTag, "[TavoBpfService][eventProduceThread] Attach all tavo bpf error: %d", result);
   }
-  eventMonitor();
+  TavoDumpWorker::InstallSignalHandlers();
+  TavoRingPump::Hooks hooks;
+  hooks.seed = [&p] {
+    p.tracker.initTaskInfo(
+        [&p](void* record, unsigned long size) { return p.dispatcher.Dispatch(record, size); }, p.counters);
+  };
+  hooks.seeded = [&p] { p.tracker.initFdBpfProg(PinnedMapPath(p.options.pinDir, kNormalObject, kOpenFdMap)); };
+  pump.Run(hooks);
+  pump.Detach();
   return result;
 }
 
 int TavoBpfService::gpleventProduceThread() {
+  Parts& p = *parts_;
   NameAndPinThread("BpfServicePGpl", "[TavoBpfService][gpleventProduceThread] set thread affinity failed. %s");
-  const int result = AttachAllTavoBpfProgram(BPF_FS_PATH, PROG_GPL_EVENT_MAP);
+  TavoRingPump& pump = p.pumps[kGplRing];
+  const int result = pump.Attach();
   if (result != 0) {
     TAVO_LOGE(kServiceTag, "[TavoBpfService][gpleventProduceThread] Attach all tavo bpf error: %d", result);
   }
-  gpleventMonitor();
+  TavoDumpWorker::InstallSignalHandlers();
+  TavoRingPump::Hooks hooks;
+  hooks.seed = [&p] {
+    p.dmabuf.initDmabufBpfProg(PinnedMapPath(p.options.pinDir, kGplObject, kDmabufAllocateMap),
+                               PinnedMapPath(p.options.pinDir, kGplObject, kDmabufSizeMap));
+  };
+  pump.Run(hooks);
+  pump.Detach();
   return result;
 }
 

@@ -1,11 +1,6 @@
 #include "state/tavo_bpf_state.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <mutex>
-
+#include "util/tavo_dump_file.h"
 #include "util/tavo_log.h"
 #include "util/tavo_strings.h"
 #include "util/tavo_time.h"
@@ -13,9 +8,7 @@
 namespace Tavo::Bpf {
 
 const char* const TavoBpfDataState::TAVOTASK_DUMP_PATH = "/data/tavolog/stability/tavobpfframework";
-const char* const TavoBpfDataState::TAVOTASK_DUMP_TEMPLATE =
-    "/data/tavolog/stability/tavobpfframework/bpfservice_state.csv";
-TavoBpfDataState* TavoBpfDataState::instance = nullptr;
+const char* const TavoBpfDataState::TAVOTASK_DUMP_FILE = "bpfservice_state.csv";
 
 namespace {
 constexpr const char* kEventNames[] = {
@@ -25,12 +18,6 @@ constexpr const char* kEventNames[] = {
     "dmabuf_vunmap", "dmabuf_mmap", "dmabuf_munmap"};
 constexpr int kEventNameCount = sizeof(kEventNames) / sizeof(kEventNames[0]);
 }  // namespace
-
-TavoBpfDataState* TavoBpfDataState::GetInstance() {
-  static std::once_flag once;
-  std::call_once(once, [] { instance = new TavoBpfDataState(&GetSystemSecondsTime); });
-  return instance;
-}
 
 TavoBpfDataState::TavoBpfDataState(Clock clock) : clock(clock), lastTime(clock()) {
   for (auto& slot : slots) {
@@ -96,17 +83,10 @@ std::string TavoBpfDataState::FormatState() const {
   return out;
 }
 
-void TavoBpfDataState::DumpState() {
-  mkdir(TAVOTASK_DUMP_PATH, 0775);
-  unlink(TAVOTASK_DUMP_TEMPLATE);
-  FILE* file = fopen(TAVOTASK_DUMP_TEMPLATE, "we");
-  if (file == nullptr) {
+void TavoBpfDataState::DumpState(const std::string& dir) {
+  if (!ReplaceDumpFile(dir, dir + "/" + TAVOTASK_DUMP_FILE, FormatState())) {
     TAVO_LOGE(kUtilsTag, "[TavoBpfDataState][DumpState] open file failed!");
-    return;
   }
-  const std::string text = FormatState();
-  fwrite(text.data(), 1, text.size(), file);
-  fclose(file);
 }
 
 }  // namespace Tavo::Bpf

@@ -13,17 +13,16 @@ class TavoBpfDataState {
   static constexpr int kCounterCount = 16;  // 15 event types and the poll count
   static constexpr int kPollCounter = 15;
   static const char* const TAVOTASK_DUMP_PATH;
-  static const char* const TAVOTASK_DUMP_TEMPLATE;
+  static const char* const TAVOTASK_DUMP_FILE;  // the file's name inside the directory
 
   using Clock = int64_t (*)();
 
-  static TavoBpfDataState* GetInstance();
-
-  // The singleton reads GetSystemSecondsTime; tests pass their own clock.
+  // The service's recorder reads GetSystemSecondsTime; tests pass their own clock.
   explicit TavoBpfDataState(Clock clock);
 
   void RecordEvent(int type, int count);
-  void DumpState();
+  // Writes the CSV into dir (the service's dump directory).
+  void DumpState(const std::string& dir);
   // The CSV text that DumpState writes.
   std::string FormatState() const;
   static const char* EventName(int type);
@@ -40,10 +39,6 @@ class TavoBpfDataState {
   // Two pump threads record without a lock; relaxed atomics keep each
   // addition whole without ordering cost.
   std::atomic<uint32_t> slots[kSlotCount][kCounterCount];
-  static TavoBpfDataState* instance;
 };
-
-// Signal 50: asks for the counters to be written (see tavo_bpf_dump_requests).
-void DumpState(int signo);
 
 }  // namespace Tavo::Bpf

@@ -1,11 +1,18 @@
-// The registry of tracked processes and the dumps of it.
+// The registry of tracked processes, and the dumps of it.
+//
+// The registry owns its lock. Callers never hold a pointer into it outside
+// a call: they change a record inside WithTask() or read a copy.
 #pragma once
 
+#include <android-base/thread_annotations.h>
+
 #include <cstdint>
+#include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "util/tavo_mutex.h"
 
 namespace Tavo::Bpf {
 
@@ -19,65 +26,61 @@ struct TavoTask {
   uint32_t mmId = 0;
   // Indexed by the kernel's rss member code: file, anon, swap, shmem.
   int64_t rssSize[4] = {};
-  int64_t rssOldSize[4] = {};  // last reported to clients
-  int64_t initTimeStamp = 0;   // start time, seconds on the service's wall-clock scale
-  uint64_t lastUpdateTime = 0; // seconds of the last /proc re-read; 0 = never
-  uint64_t createTimeNs = 0;   // ts of the record that created the task
-
-  int64_t& rssFileSize() { return rssSize[0]; }
-  int64_t& rssAnonSize() { return rssSize[1]; }
-  int64_t& rssSwapSize() { return rssSize[2]; }
-  int64_t& rssShmemSize() { return rssSize[3]; }
-  int64_t TotalSize() const { return rssSize[0] + rssSize[1] + rssSize[2] + rssSize[3]; }
+  int64_t rssOldSize[4] = {};   // last reported to clients
+  int64_t initTimeStamp = 0;    // start time, seconds on the service's wall-clock scale
+  uint64_t lastUpdateTime = 0;  // seconds of the last /proc re-read; 0 = never
+  uint64_t createTimeNs = 0;    // ts of the record that created the task
 };
 
-// Largest total memory first.
+// Largest total memory first. Sums are taken wide, so saturated sizes
+// still give a strict weak order.
 bool CompareTavoTask(const TavoTask& a, const TavoTask& b);
 
 class TavoTaskManager {
  public:
   static const char* const TAVOTASK_DUMP_PATH;
-  static const char* const TAVOTASK_DUMP_TEMPLATE;
-  // Guards the three maps: the two pumps and the dump worker all use them.
-  // Pointers returned by the getters are valid only while it is held.
-  static std::mutex tavoTaskManagerLock;
+  static const char* const TAVOTASK_DUMP_FILE;  // name of the one dump file in it
 
-  static TavoTaskManager* GetInstance();
+  int AddTavoTask(int pid, const TavoTask& task) EXCLUDES(lock_);
+  // Registers the record only if the pid is absent; true when it did.
+  bool InsertTavoTask(int pid, const TavoTask& task) EXCLUDES(lock_);
+  bool HasTask(int pid) EXCLUDES(lock_);
+  // Runs fn on the stored record under the registry lock; false when the
+  // pid is not registered. fn must not call back into the registry.
+  bool WithTask(int pid, const std::function<void(TavoTask&)>& fn) EXCLUDES(lock_);
+  // A copy of the record, or false.
+  bool GetTavoTask(int pid, TavoTask* out) EXCLUDES(lock_);
+  // 0, or -1 with errno ENOENT when absent.
+  int DelTavoTask(int pid) EXCLUDES(lock_);
+  unsigned int GetTavoTaskCount() EXCLUDES(lock_);
 
-  int AddTavoTask(int pid, TavoTask task);
-  TavoTask* GetTavoTask(int pid);
-  int DelTavoTask(int pid);
-  int AddMmidIndex(unsigned int mmId, TavoTask* task);
-  TavoTask* GetTavoTaskByMmid(unsigned int mmId);
-  int DelMmidIndex(unsigned int mmId);
-  int AddRssTempTask(unsigned int key, TavoTask task);
-  TavoTask* GetRssTempTask(unsigned int key);
-  int DelRssTempTask(unsigned int key);
-  unsigned int GetTavoTaskCount();
-  // Drops every record (tests and restarts of the scan).
-  void Clear();
+  // Look-ups by memory-descriptor id and a parking place for records keyed
+  // otherwise; the index holds pids, so an erased task never dangles.
+  int AddMmidIndex(unsigned int mmId, int pid) EXCLUDES(lock_);
+  bool GetTavoTaskByMmid(unsigned int mmId, TavoTask* out) EXCLUDES(lock_);
+  int DelMmidIndex(unsigned int mmId) EXCLUDES(lock_);
+  int AddRssTempTask(unsigned int key, const TavoTask& task) EXCLUDES(lock_);
+  bool GetRssTempTask(unsigned int key, TavoTask* out) EXCLUDES(lock_);
+  // Always 0; errno ENOENT when absent.
+  int DelRssTempTask(unsigned int key) EXCLUDES(lock_);
 
-  // Write the dump file; each takes tavoTaskManagerLock itself.
-  void DumpTavoTaskInfo();
-  void DumpTavoTaskIgnoreKernelTaskInfo();
-  void DumpTavoTaskInfoNormal();
-  void DumpTavoTaskIgnoreKernelTaskInfoNormal();
-  // The dump text without the file (caller holds the lock).
-  std::string FormatDump(bool ignoreKernelTasks, bool normal);
+  // Every record, in pid order.
+  std::vector<TavoTask> Snapshot() EXCLUDES(lock_);
+
+  // The four dumps, written to <dir>/DUMPTASK_INFO. "IgnoreKernelTask"
+  // leaves out rows without memory, "Normal" the last-reported columns.
+  void DumpTavoTaskInfo(const std::string& dir) EXCLUDES(lock_);
+  void DumpTavoTaskIgnoreKernelTaskInfo(const std::string& dir) EXCLUDES(lock_);
+  void DumpTavoTaskInfoNormal(const std::string& dir) EXCLUDES(lock_);
+  void DumpTavoTaskIgnoreKernelTaskInfoNormal(const std::string& dir) EXCLUDES(lock_);
+  // The dump text, from one consistent look at the registry.
+  std::string FormatDump(bool ignoreKernelTasks, bool normal) EXCLUDES(lock_);
 
  private:
-  TavoTaskManager() = default;
-
-  std::map<int32_t, TavoTask> tasks;
-  std::map<uint32_t, TavoTask*> mmidIndex;
-  std::map<uint32_t, TavoTask> rssTempTasks;
-  static TavoTaskManager* instance;
+  Mutex lock_;
+  std::map<int32_t, TavoTask> tasks_ GUARDED_BY(lock_);
+  std::map<uint32_t, int32_t> mmidIndex_ GUARDED_BY(lock_);
+  std::map<uint32_t, TavoTask> rssTempTasks_ GUARDED_BY(lock_);
 };
-
-// Signals 51 to 54: note the request; the dump worker writes the file.
-void HandleDumpSignal(int signo);
-void HandleNonKernelDumpSignal(int signo);
-void HandleDumpSignalNormal(int signo);
-void HandleNonKernelDumpSignalNormal(int signo);
 
 }  // namespace Tavo::Bpf

@@ -1,170 +1,141 @@
-// The /proc reader against processes whose facts the test sets up itself.
+// The /proc reader against a fixture folder, and once against the real /proc.
 #include <gtest/gtest.h>
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
+
 #include <sys/prctl.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <climits>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <mutex>
-#include <pthread.h>
+#include <set>
+#include <string>
 
-#include "state/tavo_bpf_state.h"
-#include "task/tavo_bpf_task_manager.h"
-#include "tests/support/children.h"
+#include "task/tavo_proc_reader.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/task_records.h"
-#include "util/tavo_time.h"
+#include "tests/support/test_env.h"
 
 using namespace Tavo::Bpf;
 
 namespace {
 
-constexpr int kExtraThreads = 4;
-constexpr size_t kTouched = 8 << 20;
-
-// A child named "tavo_probe" with 1 + kExtraThreads threads and kTouched
-// bytes of anonymous memory written. Instrumented builds may start helper
-// threads of their own, so it reports the count the kernel lists for it.
-tavo_test::ParkedChild ProbeChild() {
-  return tavo_test::ParkedChild([](int& hold, int&) {
-    prctl(PR_SET_NAME, "tavo_probe");
-    void* block = mmap(nullptr, kTouched, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    memset(block, 0x5a, kTouched);
-    for (int i = 0; i < kExtraThreads; ++i) {
-      pthread_t thread;
-      if (pthread_create(&thread, nullptr, tavo_test::ParkOn, &hold) == 0) pthread_detach(thread);
-    }
-    int threads = -2;  // "." and ".."
-    if (DIR* dir = opendir("/proc/self/task")) {
-      while (readdir(dir) != nullptr) ++threads;
-      closedir(dir);
-    }
-    return threads;
-  });
-}
-
-int64_t BootSecondsNow() {
-  timespec ts{};
-  clock_gettime(CLOCK_BOOTTIME, &ts);
-  return ts.tv_sec;
-}
-
-uint32_t CounterTotal(int type) {
-  auto* state = TavoBpfDataState::GetInstance();
-  uint32_t total = 0;
-  for (int64_t slot = state->getOldestIndex(); slot <= state->getCurrentIndex(); ++slot) {
-    total += state->getCounter(slot, type);
+// A stat line of 52 fields: 19 is the thread count, 21 the start time.
+std::string Stat(int pid, const char* comm, int threads, long startTicks) {
+  std::string line = std::to_string(pid) + " (" + comm + ") S";
+  for (int i = 3; i < 52; ++i) {
+    line += " " + std::to_string(i == 19 ? threads : i == 21 ? startTicks : 0);
   }
-  return total;
+  return line + "\n";
 }
+
+class ProcFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir.Write("100/status", "Name:\tzygote\nUmask:\t0022\nState:\tS\nPPid:\t1\nUid:\t1000\t1000\t1000\t1000\n"
+                            "VmSwap:\t       0 kB\nRssAnon:\t    4096 kB\nRssFile:\t    2048 kB\nRssShmem:\t 16 kB\n");
+    dir.Write("100/stat", Stat(100, "zygote", 12, 500));
+    dir.Write("200/status", "Name:\tshort\nPPid:\t100\n");
+    dir.Write("200/stat", "200 (short) S 1 2 3\n");  // 21 pieces or fewer: no threads, no start
+    dir.Write("self/status", "Name:\tnot a pid\n");
+    dir.Write("123abc/status", "Name:\tnot a pid\n");
+    dir.Write("100/fdinfo/3", "pos:\t0\nsize:\t262144\nino:\t777\n");
+    dir.Write("100/fd/.keep", "");  // the descriptor folder; dot entries are not descriptors
+    symlink("/dmabuf:", (dir.path() + "/100/fd/3").c_str());
+    symlink("/dev/null", (dir.path() + "/100/fd/4").c_str());
+  }
+
+  tavo_test::TempDir dir;
+  TavoProcReader reader{dir.path()};
+};
 
 }  // namespace
 
-TEST(TaskProcReader, StartupScanRegistersAProcessWithItsKnownFacts) {
-  ASSERT_TRUE(InitBasetime());
-  tavo_test::ParkedChild child = ProbeChild();
-  tavo_test::NoticeSink sink({0});
-  TavoBpfService::GetInstance()->initTaskInfo();
+TEST_F(ProcFixture, ScanReadsStatusAndStatOfPidFoldersOnly) {
+  std::set<std::string> seen;
+  reader.ForEachProcess([&](int32_t pid, const char* name) {
+    seen.insert(name);
+    EXPECT_EQ(std::to_string(pid), name);
+  });
+  EXPECT_EQ(seen, (std::set<std::string>{"100", "200"}));
 
-  std::lock_guard<std::mutex> guard(TavoTaskManager::tavoTaskManagerLock);
-  auto* manager = TavoTaskManager::GetInstance();
-  TavoTask* t = manager->GetTavoTask(child.pid);
-  ASSERT_NE(t, nullptr);
-  EXPECT_STREQ(t->comm, "tavo_probe");
-  EXPECT_EQ(t->ppid, getpid());
-  EXPECT_EQ(t->uid, getuid());
-  EXPECT_EQ(t->threadNum, static_cast<uint32_t>(child.report));
-#if defined(__SANITIZE_THREAD__)
-  EXPECT_GE(child.report, 1 + kExtraThreads);
-#else
-  EXPECT_EQ(child.report, 1 + kExtraThreads);
-#endif
-  EXPECT_EQ(t->oldThreadNum, t->threadNum);
-  // The child also maps what it shares copy-on-write with the test.
-  EXPECT_GE(t->rssAnonSize(), static_cast<int64_t>(kTouched));
-  EXPECT_LT(t->rssAnonSize(), static_cast<int64_t>(kTouched) + (256 << 20));
-  EXPECT_EQ(t->rssAnonSize() % 1024, 0);
-  EXPECT_GT(t->rssFileSize(), 0);
-  EXPECT_EQ(t->rssSwapSize(), 0);
-  EXPECT_LE(std::llabs(t->initTimeStamp - (GetBasetime() + BootSecondsNow())), 2);
-  EXPECT_EQ(t->mmId, 0u);
+  tavo_task_init_event r{};
+  ASSERT_TRUE(reader.ReadTaskInit("100", 1700000000, 100, &r));
+  EXPECT_STREQ(r.comm, "zygote");
+  EXPECT_EQ(r.ppid, 1);
+  EXPECT_EQ(r.uid, 1000u);
+  EXPECT_EQ(r.rss_anon, 4096 << 10);
+  EXPECT_EQ(r.rss_file, 2097152);
+  EXPECT_EQ(r.rss_shmem, 16 << 10);
+  EXPECT_EQ(r.rss_swap, 0);
+  EXPECT_EQ(r.thread_num, 12u);
+  EXPECT_EQ(r.start_time, 1700000005);
 
-  ASSERT_NE(manager->GetTavoTask(1), nullptr);
-  ASSERT_NE(manager->GetTavoTask(getpid()), nullptr);
-  // One count per record as it is dispatched, then the total once more.
-  const uint32_t count = manager->GetTavoTaskCount();
-  EXPECT_EQ(CounterTotal(0), 2 * count);
-  // Subscribers of type 0 see every 88-byte record.
-  const auto records = sink.Take();
-  EXPECT_EQ(records.size(), count);
-  for (const auto& r : records) ASSERT_EQ(r.size(), 88u);
+  tavo_task_init_event shortStat{};
+  ASSERT_TRUE(reader.ReadTaskInit("200", 1700000000, 100, &shortStat));
+  EXPECT_EQ(shortStat.thread_num, 0u);
+  EXPECT_EQ(shortStat.start_time, 0);
+  EXPECT_FALSE(reader.ReadTaskInit("300", 0, 100, &shortStat)) << "a vanished process is skipped";
 }
 
-TEST(TaskProcReader, VanishedPidFailsAndLeavesResultAlone) {
-  const pid_t child = tavo_test::ReapedPid();
-  tavo_test::LogCapture log;
+TEST_F(ProcFixture, ProcessInfoNamesAndDescriptors) {
   UpdateProcessExdata info;
-  info.pid = 7;
-  info.ppid = 8;
-  strcpy(info.comm, "keep");
-  EXPECT_EQ(TavoBpfService::GetInstance()->getProcessInfo(child, &info), -1);
-  EXPECT_EQ(info.pid, 7);
-  EXPECT_EQ(info.ppid, 8);
-  EXPECT_STREQ(info.comm, "keep");
-  EXPECT_EQ(log.Count("[TavoBpfService][GPI] Task not exists, errno info: No such file or directory",
-                      ANDROID_LOG_WARN),
-            1);
-}
-
-struct FdInfoCase {
-  const char* text;
-  long size;
-  uint64_t inode;
-};
-
-TEST(TaskProcReader, FdInfoValuesTolerateOddLines) {
-  const FdInfoCase cases[] = {
-      {"pos:\t0\nflags:\t02\nsize:\t4096\nino:\t1234\n", 4096, 1234},
-      {"pos:\t0\nexp_name:\tsystem\n", 0, 0},                    // neither line
-      {"size:\t  77 bytes\nino:\t18446744073709551615", 77, UINT64_MAX},  // blanks, tail, no newline
-      {"size:\tnope\nino:\t-\n", 0, 0},                           // no digits: 0, nothing thrown
-      {"size:\t99999999999999999999999\n", LONG_MAX, 0},          // saturates
-      {"size:\t1\nsize:\t2\n", 1, 0},                             // first match wins
-      // Matched anywhere in the line, value counted from the line's start.
-      {"xsize:\t5\n ino:\t42\n", 5, 42},
-      {"flags:\tsize:\t12\n", 0, 0},
-  };
-  const std::string path = testing::TempDir() + "tavo_fdinfo";
-  for (const auto& c : cases) {
-    std::ofstream(path, std::ios::trunc) << c.text;
-    EXPECT_EQ(TavoBpfService::GetFdSize(path), c.size) << c.text;
-    EXPECT_EQ(TavoBpfService::GetFdInode(path), c.inode) << c.text;
+  ASSERT_EQ(reader.getProcessInfo(200, &info), 0);
+  EXPECT_EQ(info.pid, 200);
+  EXPECT_EQ(info.ppid, 100);
+  EXPECT_STREQ(info.comm, "short");
+  {
+    tavo_test::LogCapture log;
+    UpdateProcessExdata kept{7, 8, "keep"};
+    EXPECT_EQ(reader.getProcessInfo(300, &kept), -1);
+    EXPECT_EQ(kept.pid, 7);
+    EXPECT_STREQ(kept.comm, "keep");
+    EXPECT_EQ(log.Count("[TavoBpfService][GPI] Task not exists, errno info: No such file or directory",
+                        ANDROID_LOG_WARN), 1);
   }
-  unlink(path.c_str());
-
-  tavo_test::LogCapture log;
-  EXPECT_EQ(TavoBpfService::GetFdSize("/nonexistent/fdinfo/3"), 0);
-  EXPECT_EQ(TavoBpfService::GetFdInode("/nonexistent/fdinfo/3"), 0u);
-  EXPECT_EQ(log.Count("Unable to open /nonexistent/fdinfo/3", ANDROID_LOG_WARN), 2);
+  std::set<std::string> fds;
+  EXPECT_TRUE(reader.ForEachFd("100", [&](const char* fd) { fds.insert(fd); }));
+  EXPECT_EQ(fds, (std::set<std::string>{"3", "4"}));
+  EXPECT_FALSE(reader.ForEachFd("200", [](const char*) {}));
+  std::string target;
+  ASSERT_TRUE(reader.ReadFdTarget("100", "3", &target));
+  EXPECT_EQ(target, "/dmabuf:");
+  EXPECT_EQ(reader.FdInfoPath("100", "3"), dir.path() + "/100/fdinfo/3");
+  EXPECT_EQ(TavoProcReader::GetFdInode(reader.FdInfoPath("100", "3")), 777u);
 }
 
-TEST(TaskProcReader, RealFdInfoGivesTheInodeOfTheFile) {
-  const std::string path = testing::TempDir() + "tavo_inode";
-  std::ofstream(path) << "x";
-  const int fd = open(path.c_str(), O_RDONLY);
-  ASSERT_GE(fd, 0);
-  struct stat st {};
-  ASSERT_EQ(fstat(fd, &st), 0);
-  const std::string fdinfo = "/proc/self/fdinfo/" + std::to_string(fd);
-  EXPECT_EQ(TavoBpfService::GetFdInode(fdinfo), static_cast<uint64_t>(st.st_ino));
-  EXPECT_EQ(TavoBpfService::GetFdSize(fdinfo), 0) << "a regular file has no size line";
-  close(fd);
-  unlink(path.c_str());
+TEST(ProcParsers, OddLinesNeverThrowOrOverrun) {
+  const struct {
+    const char* text;
+    long size;
+    uint64_t inode;
+  } fdinfo[] = {
+      {"pos:\t0\nexp_name:\tsystem\n", 0, 0},                              // neither line
+      {"size:\t  77 bytes\nino:\t18446744073709551615", 77, UINT64_MAX},  // blanks, a tail, no newline
+      {"size:\tnope\nino:\t-\n", 0, 0},                                   // no digits
+      {"size:\t99999999999999999999999\n", LONG_MAX, 0},                  // saturates
+      {"size:\t1\nsize:\t2\n", 1, 0},                                     // the first line wins
+      {"xsize:\t5\n ino:\t42\n", 5, 42},  // matched anywhere, value counted from the line's start
+  };
+  tavo_test::TempDir dir;
+  for (const auto& c : fdinfo) {
+    dir.Write("fdinfo", c.text);
+    EXPECT_EQ(TavoProcReader::GetFdSize(dir.path() + "/fdinfo"), c.size) << c.text;
+    EXPECT_EQ(TavoProcReader::GetFdInode(dir.path() + "/fdinfo"), c.inode) << c.text;
+  }
+  tavo_test::LogCapture log;
+  EXPECT_EQ(TavoProcReader::GetFdSize("/nonexistent/fdinfo/3"), 0);
+  EXPECT_EQ(log.Count("Unable to open /nonexistent/fdinfo/3", ANDROID_LOG_WARN), 1);
+
+  tavo_task_init_event r{};
+  const std::string status = "Name:\tabcdefghijklmnopqrstuvwxyz\nRssAnon:\t9223372036854775807 kB\nPPid:\t-5\n";
+  TavoProcReader::ParseStatus(status.data(), status.data() + status.size(), &r);
+  EXPECT_STREQ(r.comm, "abcdefghijklmno") << "at most 15 characters and a NUL";
+  EXPECT_EQ(r.rss_anon, INT64_MAX);
+  EXPECT_EQ(r.ppid, -5);
+}
+
+TEST(ProcReader, ReadsThisProcessFromTheRealProc) {
+  prctl(PR_SET_NAME, "tavo_reader");
+  TavoProcReader reader;
+  UpdateProcessExdata info;
+  ASSERT_EQ(reader.getProcessInfo(getpid(), &info), 0);
+  EXPECT_STREQ(info.comm, "tavo_reader");
+  EXPECT_EQ(info.ppid, getppid());
 }

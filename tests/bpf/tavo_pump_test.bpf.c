@@ -1,7 +1,7 @@
 /*
- * Stand-in for the platform's BPF objects in tests and benchmarks: the two
- * maps a pump opens, a producer that writes test records into the ring, and
- * programs of every kind the attach tables name.
+ * Stand-in for the platform's objects in the pump tests and the pump
+ * benchmark: the ring and status maps a pump opens, and a program that
+ * writes one record of a chosen type for each getppid() of a chosen process.
  */
 #include <linux/bpf.h>
 #include <linux/types.h>
@@ -21,10 +21,9 @@ struct {
   __type(value, __u64);
 } ringbuf_status SEC(".maps");
 
-/* What the producer writes, and for whom (0 = nobody). */
 struct test_config {
   __u32 record_type;
-  __s32 tgid;
+  __s32 tgid; /* 0: nobody */
 };
 
 struct {
@@ -34,76 +33,24 @@ struct {
   __type(value, struct test_config);
 } test_config SEC(".maps");
 
-struct test_record {
-  struct tavo_event_header hdr;
-  __u64 seq;
-};
-
-static __always_inline int emit(void) {
+SEC("tracepoint/syscalls/sys_enter_getppid")
+int emit(void *ctx) {
   __u32 zero = 0;
   __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &zero);
-  if (!flags || !(*flags & TAVO_STATUS_CORE_ENABLED)) return 0;
   struct test_config *cfg = bpf_map_lookup_elem(&test_config, &zero);
-  if (!cfg || cfg->tgid == 0 || (__s32)(bpf_get_current_pid_tgid() >> 32) != cfg->tgid) return 0;
-  struct test_record *rec = bpf_ringbuf_reserve(&ringbuf_map, sizeof(*rec), 0);
+  if (!flags || !(*flags & TAVO_STATUS_CORE_ENABLED) || !cfg || cfg->tgid == 0 ||
+      (__s32)(bpf_get_current_pid_tgid() >> 32) != cfg->tgid)
+    return 0;
+  struct tavo_event_header *rec = bpf_ringbuf_reserve(&ringbuf_map, sizeof(*rec) + 8, 0);
   if (!rec) {
     *flags |= TAVO_STATUS_RING_FULL;
     return 0;
   }
-  rec->hdr.type = cfg->record_type;
-  rec->hdr.reserved = 0;
-  rec->hdr.ts = bpf_ktime_get_ns();
-  rec->seq = 0;
+  rec->type = cfg->record_type;
+  rec->reserved = 0;
+  rec->ts = bpf_ktime_get_ns();
   bpf_ringbuf_submit(rec, 0);
   return 0;
 }
-
-SEC("tracepoint/sched/sched_process_fork")
-int fork_record(void *ctx) { return emit(); }
-
-SEC("tracepoint/syscalls/sys_enter_getppid")
-int getppid_record(void *ctx) { return emit(); }
-
-/*
- * The distinct flag words that the pump thread's bpf() calls meet, in order:
- * slot 0 counts, slots 1..8 hold the words. The test's main thread (tid ==
- * tgid) is left out, so only the pump's own calls sample the word.
- */
-#define FLAG_TRACE_SLOTS 8
-struct {
-  __uint(type, BPF_MAP_TYPE_ARRAY);
-  __uint(max_entries, FLAG_TRACE_SLOTS + 1);
-  __type(key, __u32);
-  __type(value, __u64);
-} flag_trace SEC(".maps");
-
-SEC("tracepoint/syscalls/sys_enter_bpf")
-int trace_flag_word(void *ctx) {
-  __u32 zero = 0;
-  __u64 id = bpf_get_current_pid_tgid();
-  struct test_config *cfg = bpf_map_lookup_elem(&test_config, &zero);
-  if (!cfg || cfg->tgid == 0 || (__s32)(id >> 32) != cfg->tgid || (__s32)id == cfg->tgid) return 0;
-  __u64 *flags = bpf_map_lookup_elem(&ringbuf_status, &zero);
-  __u64 *count = bpf_map_lookup_elem(&flag_trace, &zero);
-  if (!flags || !count || *count >= FLAG_TRACE_SLOTS) return 0;
-  __u32 n = (__u32)*count;
-  if (n > 0) {
-    __u64 *last = bpf_map_lookup_elem(&flag_trace, &n);
-    if (!last || *last == *flags) return 0;
-  }
-  __u32 slot = n + 1;
-  __u64 *entry = bpf_map_lookup_elem(&flag_trace, &slot);
-  if (!entry) return 0;
-  *entry = *flags;
-  *count = slot;
-  return 0;
-}
-
-/* Attach targets only; they do nothing. */
-SEC("tracepoint/sched/sched_switch")
-int noop_tracepoint(void *ctx) { return 0; }
-
-SEC("kprobe/fd_install")
-int noop_kprobe(void *ctx) { return 0; }
 
 char LICENSE[] SEC("license") = "GPL";

@@ -1,31 +1,27 @@
 #include "tests/support/log_capture.h"
 
 #include <mutex>
+#include <optional>
 
 namespace tavo_test {
 
 namespace {
 std::mutex gLock;
-std::vector<LogLine>* gLines = nullptr;
+std::optional<std::vector<LogLine>> gLines;
 
 void CaptureLogger(const struct __android_logger_data* data, const char* message) {
   {
     std::lock_guard<std::mutex> guard(gLock);
-    if (gLines != nullptr) {
-      gLines->push_back(LogLine{data->priority, data->tag ? data->tag : "", message ? message : ""});
-    }
+    if (gLines) gLines->push_back(LogLine{data->priority, data->tag ? data->tag : "", message ? message : ""});
   }
   __android_log_stderr_logger(data, message);
 }
 }  // namespace
 
-// liblog calls the logger under its own lock, so ours is never held while
-// the logger is swapped.
 LogCapture::LogCapture() {
   {
     std::lock_guard<std::mutex> guard(gLock);
-    delete gLines;
-    gLines = new std::vector<LogLine>();
+    gLines.emplace();
   }
   __android_log_set_logger(CaptureLogger);
 }
@@ -33,8 +29,7 @@ LogCapture::LogCapture() {
 LogCapture::~LogCapture() {
   __android_log_set_logger(__android_log_stderr_logger);
   std::lock_guard<std::mutex> guard(gLock);
-  delete gLines;
-  gLines = nullptr;
+  gLines.reset();
 }
 
 std::vector<LogLine> LogCapture::Lines() const {
@@ -45,7 +40,7 @@ std::vector<LogLine> LogCapture::Lines() const {
 int LogCapture::Count(const std::string& text, int priority) const {
   std::lock_guard<std::mutex> guard(gLock);
   int n = 0;
-  if (gLines == nullptr) return 0;
+  if (!gLines) return 0;
   for (const auto& line : *gLines) {
     if ((priority < 0 || line.priority == priority) && line.message.find(text) != std::string::npos) ++n;
   }

@@ -13,15 +13,13 @@
 #include <android-base/properties.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
 
-#include "include/tavo_bpf_service_main.h"
-#include "tools/tavo_loader/tavo_bpf_pump_waker.h"
+#include "tavo_bpf_service_main.h"
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 #include "util/tavo_log.h"
 
@@ -105,11 +103,6 @@ int main(int argc, char** argv) {
     if (joined) return;  // Wait() ended on its own and woke us
     TAVO_LOGW(kTag, "[tavo_bpfd] signal %d: stopping", sig);
     Tavo::Bpf::TavoBpfService::GetInstance()->stop();
-    // A pump may be mid-seeding rather than polling; wake again until joined.
-    for (int i = 0; i < 20 && !joined; ++i) {
-      Tavo::Loader::WakePumps(options.pinDir);
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
   });
 
   const int rc = Tavo::Bpf::TavoBpfService::GetInstance()->Wait();

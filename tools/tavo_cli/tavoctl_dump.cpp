@@ -20,14 +20,15 @@ namespace Tavo::Cli {
 
 namespace {
 
-constexpr const char* kTaskDump = "/data/tavolog/stability/tavobpfframework/DUMPTASK_INFO";
-constexpr const char* kCounterDump = "/data/tavolog/stability/tavobpfframework/bpfservice_state.csv";
+constexpr const char* kDumpDir = "/data/tavolog/stability/tavobpfframework";
+constexpr const char* kTaskDump = "DUMPTASK_INFO";
+constexpr const char* kCounterDump = "bpfservice_state.csv";
 constexpr long kPollMs = 20;
 
 struct DumpKind {
   const char* name;
   int signal;
-  const char* file;
+  const char* file;  // in the dump folder
 };
 
 const DumpKind kKinds[] = {
@@ -81,7 +82,7 @@ bool ParseNumber(const char* text, long* value) {
 
 void PrintDumpHelp(bool toStderr) {
   fprintf(toStderr ? stderr : stdout,
-          "usage: tavoctl dump WHAT [--pid PID] [--timeout SECONDS]\n"
+          "usage: tavoctl dump WHAT [--pid PID] [--timeout SECONDS] [--socket NAME] [--dir DIR]\n"
           "\n"
           "Makes the service write a dump and prints it. WHAT is one of:\n"
           "  tasks                  all tracked tasks, full columns        (signal 51)\n"
@@ -90,26 +91,30 @@ void PrintDumpHelp(bool toStderr) {
           "  tasks-short-nonkernel  tasks with memory, short columns       (signal 54)\n"
           "  counters               per-second event counts, CSV           (signal 50)\n"
           "\n"
-          "Task dumps are read from %s,\n"
-          "counters from %s.\n"
+          "Task dumps are read from DIR/%s, counters from DIR/%s.\n"
           "\n"
           "Options:\n"
           "  --pid PID          the service's process (default: the holder of the\n"
-          "                     socket %s, else a process named\n"
-          "                     tavo_bpfd or tavo_host)\n"
-          "  --timeout SECONDS  how long to wait for the file (default 5)\n",
-          kTaskDump, kCounterDump, Tavo::Client::kServiceSocket);
+          "                     socket, else a process named tavo_bpfd or tavo_host)\n"
+          "  --timeout SECONDS  how long to wait for the file (default 5)\n"
+          "  --socket NAME      the service's socket (default %s)\n"
+          "  --dir DIR          the service's dump folder (default %s)\n",
+          kTaskDump, kCounterDump, Tavo::Client::kServiceSocket, kDumpDir);
 }
 
 int DumpCommand(int argc, char** argv) {
   const DumpKind* kind = nullptr;
   long pid = -1;
   long timeoutSec = 5;
+  std::string socket = Tavo::Client::kServiceSocket;
+  std::string dir = kDumpDir;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
       PrintDumpHelp(false);
       return 0;
+    } else if ((arg == "--socket" || arg == "--dir") && i + 1 < argc) {
+      (arg == "--socket" ? socket : dir) = argv[++i];
     } else if (arg == "--pid" || arg == "--timeout") {
       long value = 0;
       if (i + 1 >= argc || !ParseNumber(argv[i + 1], &value)) {
@@ -136,12 +141,13 @@ int DumpCommand(int argc, char** argv) {
     PrintDumpHelp(true);
     return 2;
   }
-  if (pid < 0) pid = FindServicePid(Tavo::Client::kServiceSocket);
+  if (pid < 0) pid = FindServicePid(socket);
   if (pid < 0) {
-    fprintf(stderr, "tavoctl: service not running (no socket %s)\n", Tavo::Client::kServiceSocket);
+    fprintf(stderr, "tavoctl: service not running (no socket %s)\n", socket.c_str());
     return 1;
   }
-  const FileStamp before = Stamp(kind->file);
+  const std::string file = dir + "/" + kind->file;
+  const FileStamp before = Stamp(file.c_str());
   if (kill(static_cast<pid_t>(pid), kind->signal) != 0) {
     fprintf(stderr, "tavoctl: cannot signal process %ld: %s\n", pid, strerror(errno));
     return 1;
@@ -151,7 +157,7 @@ int DumpCommand(int argc, char** argv) {
   long polls = 0;
   for (; polls < deadlinePolls; ++polls) {
     SleepMs(kPollMs);
-    now = Stamp(kind->file);
+    now = Stamp(file.c_str());
     if (Newer(now, before)) break;
   }
   if (polls == deadlinePolls) {
@@ -162,13 +168,13 @@ int DumpCommand(int argc, char** argv) {
               kind->signal);
       return 1;
     }
-    fprintf(stderr, "tavoctl: process %ld wrote no %s within %ld s\n", pid, kind->file, timeoutSec);
+    fprintf(stderr, "tavoctl: process %ld wrote no %s within %ld s\n", pid, file.c_str(), timeoutSec);
     return 1;
   }
   // The writer may still be at it: wait until the file stops changing.
   for (; polls < deadlinePolls; ++polls) {
     SleepMs(kPollMs);
-    const FileStamp later = Stamp(kind->file);
+    const FileStamp later = Stamp(file.c_str());
     if (later.exists && later.size == now.size && later.mtime.tv_sec == now.mtime.tv_sec &&
         later.mtime.tv_nsec == now.mtime.tv_nsec) {
       break;
@@ -176,8 +182,8 @@ int DumpCommand(int argc, char** argv) {
     now = later;
   }
   std::string content;
-  if (!android::base::ReadFileToString(kind->file, &content)) {
-    fprintf(stderr, "tavoctl: cannot read %s: %s\n", kind->file, strerror(errno));
+  if (!android::base::ReadFileToString(file, &content)) {
+    fprintf(stderr, "tavoctl: cannot read %s: %s\n", file.c_str(), strerror(errno));
     return 1;
   }
   fwrite(content.data(), 1, content.size(), stdout);

@@ -34,7 +34,7 @@ bool StopRequested(const sigset_t& stopSignals, long ms) {
 
 void PrintWatchHelp(bool toStderr) {
   fprintf(toStderr ? stderr : stdout,
-          "usage: tavoctl watch [--json] [--wait] [EVENT...]\n"
+          "usage: tavoctl watch [--json] [--wait] [--socket NAME] [EVENT...]\n"
           "\n"
           "Subscribes to the given events and prints one line per event until\n"
           "interrupted (SIGINT or SIGTERM). Without EVENT, watches the notices.\n"
@@ -49,17 +49,20 @@ void PrintWatchHelp(bool toStderr) {
           "  notices (all 5000x), raw (0..14), all\n"
           "\n"
           "Options:\n"
-          "  --json   one JSON object per line instead of text\n"
-          "  --wait   keep trying to connect (every 5 s) instead of failing at once\n"
+          "  --json         one JSON object per line instead of text\n"
+          "  --wait         keep trying to connect (every 5 s) instead of failing at once\n"
+          "  --socket NAME  the service's socket (default %s)\n"
           "\n"
           "Exit status: 0 after an interrupt, 1 when the service is not running or\n"
-          "refuses a subscription, 2 for bad arguments.\n");
+          "refuses a subscription, 2 for bad arguments.\n",
+          Tavo::Client::kServiceSocket);
 }
 
 int WatchCommand(int argc, char** argv) {
   bool json = false;
   bool wait = false;
   std::vector<uint32_t> codes;
+  TavoClient::Options options;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
@@ -69,6 +72,8 @@ int WatchCommand(int argc, char** argv) {
       json = true;
     } else if (arg == "--wait") {
       wait = true;
+    } else if (arg == "--socket" && i + 1 < argc) {
+      options.socketPath = argv[++i];
     } else if (!Tavo::Client::ResolveEventArgument(arg, &codes)) {
       fprintf(stderr, "tavoctl: unknown event '%s'\n", arg.c_str());
       PrintWatchHelp(true);
@@ -91,7 +96,6 @@ int WatchCommand(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  TavoClient::Options options;
   options.waitForService = wait;
   TavoClient client(
       [json](const Tavo::Client::Event& event) {
@@ -115,7 +119,7 @@ int WatchCommand(int argc, char** argv) {
     everConnected = everConnected || up;
   });
   if (client.Connect() != 0) {
-    fprintf(stderr, "tavoctl: service not running (no socket %s)\n", Tavo::Client::kServiceSocket);
+    fprintf(stderr, "tavoctl: service not running (no socket %s)\n", options.socketPath.c_str());
     return 1;
   }
   if (wait) {

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "include/tavo_bpf_service_main.h"
+#include "tavo_bpf_service_main.h"
 
 namespace {
 volatile sig_atomic_t gStop = 0;

@@ -20,7 +20,9 @@
 #include <set>
 #include <vector>
 
+#include "bpf/tavo_bpf_pins.h"
 #include "bpf/tavo_bpf_records.h"
+#include "bpf/tavo_bpf_syscall.h"
 #include "tavo_bpf_object_paths.h"
 #include "util/tavo_log.h"
 
@@ -93,7 +95,7 @@ ObjectPtr OpenObject(const std::string& path, const ObjectSpec& spec, const Load
     bpf_program__set_autoload(prog, !enabled || enabled->count(bpf_program__name(prog)) != 0);
   }
   if (spec.ringBytes != 0) {
-    bpf_map* ring = bpf_object__find_map_by_name(obj.get(), "ringbuf_map");
+    bpf_map* ring = bpf_object__find_map_by_name(obj.get(), Tavo::Bpf::kRingbufMap);
     if (!ring || bpf_map__set_max_entries(ring, spec.ringBytes) != 0) {
       TAVO_LOGE(kTag, "[TavoLoader] %s: cannot set ring size %u", spec.name, spec.ringBytes);
     }
@@ -170,8 +172,7 @@ int LoadObject(const ObjectSpec& spec, const LoaderOptions& options, LoadReport*
   bpf_program* prog;
   bpf_object__for_each_program(prog, obj.get()) {
     if (!bpf_program__autoload(prog)) continue;
-    const std::string pin =
-        options.pinDir + "/prog_" + spec.name + "_" + TypeWord(prog) + "_" + bpf_program__name(prog);
+    const std::string pin = Tavo::Bpf::PinnedProgramPath(options.pinDir, spec.name, TypeWord(prog), bpf_program__name(prog));
     if (bpf_program__pin(prog, pin.c_str()) != 0) {
       TAVO_LOGE(kTag, "[TavoLoader] pin %s failed: %s", pin.c_str(), strerror(errno));
       ++failures;
@@ -182,7 +183,7 @@ int LoadObject(const ObjectSpec& spec, const LoaderOptions& options, LoadReport*
   bpf_map* map;
   bpf_object__for_each_map(map, obj.get()) {
     if (bpf_map__is_internal(map)) continue;
-    const std::string pin = options.pinDir + "/map_" + spec.name + "_" + bpf_map__name(map);
+    const std::string pin = Tavo::Bpf::PinnedMapPath(options.pinDir, spec.name, bpf_map__name(map));
     if (bpf_map__pin(map, pin.c_str()) != 0) {
       TAVO_LOGE(kTag, "[TavoLoader] pin %s failed: %s", pin.c_str(), strerror(errno));
       ++failures;
@@ -191,11 +192,11 @@ int LoadObject(const ObjectSpec& spec, const LoaderOptions& options, LoadReport*
     report->pins.push_back(pin);
   }
   // The ring size is known now; the programs keep the other counters fresh.
-  if (bpf_map* status = bpf_object__find_map_by_name(obj.get(), "ringbuf_status")) {
-    bpf_map* ring = bpf_object__find_map_by_name(obj.get(), "ringbuf_map");
+  if (bpf_map* status = bpf_object__find_map_by_name(obj.get(), Tavo::Bpf::kRingbufStatusMap)) {
+    bpf_map* ring = bpf_object__find_map_by_name(obj.get(), Tavo::Bpf::kRingbufMap);
     uint32_t key = TAVO_STATUS_RING_SIZE;
     uint64_t size = ring ? bpf_map__max_entries(ring) : 0;
-    bpf_map_update_elem(bpf_map__fd(status), &key, &size, BPF_ANY);
+    Tavo::Bpf::BpfMapUpdateElem(bpf_map__fd(status), &key, &size, Tavo::Bpf::kBpfAny);
   }
   TAVO_LOGI(kTag, "[TavoLoader] %s loaded from %s", spec.name, path.c_str());
   if (failures != 0) {

@@ -9,11 +9,13 @@
 #include <string>
 #include <vector>
 
+#include "bpf/tavo_bpf_pins.h"
+
 namespace Tavo::Loader {
 
-inline constexpr const char* kNormalObject = "TavoBpfDefineset";
-inline constexpr const char* kGplObject = "TavoBpfGplDefineset";
-inline constexpr const char* kDefaultPinDir = "/sys/fs/bpf/tavo";
+using Tavo::Bpf::kGplObject;
+using Tavo::Bpf::kNormalObject;
+inline constexpr const char* kDefaultPinDir = Tavo::Bpf::kBpfPinDir;
 inline constexpr const char* kBpfFsRoot = "/sys/fs/bpf";
 
 struct LoaderOptions {

@@ -1,0 +1,143 @@
+#include "event/tavo_client_hub.h"
+
+#include <cstring>
+#include <map>
+
+#include "util/tavo_log.h"
+#include "util/tavo_strings.h"
+
+namespace Tavo::Bpf {
+
+namespace {
+
+constexpr int kEpollSize = 10;
+constexpr int kEpollMaxEvents = 32;
+constexpr char kRegisterCommand[] = "register-event-monitor";      // 23 bytes with NUL
+constexpr char kUnregisterCommand[] = "unregister-event-monitor";  // 25 bytes with NUL
+constexpr long kCommandOffset = 4;
+constexpr long kEventTypeOffset = 40;
+// reqId, command text, further header words, then the 32-bit event type.
+constexpr long kRequestLength = kEventTypeOffset + 4;
+
+// Frame length, command code and data length, then reqId, result and the
+// response's own data length.
+constexpr int64_t kReplyFrameLength = 20;
+constexpr uint32_t kReplyCommand = 1;
+constexpr uint32_t kReplyDataLength = 12;
+constexpr int64_t kReplySize = 8 + kReplyFrameLength;
+
+}  // namespace
+
+cpu_set_t TavoClientHubOptions::DefaultCpus() {
+  cpu_set_t cpus;
+  CPU_ZERO(&cpus);
+  for (int cpu = 0; cpu <= 2; ++cpu) CPU_SET(cpu, &cpus);
+  return cpus;
+}
+
+TavoClientHub::TavoClientHub(const TavoClientHubOptions& options)
+    : events_([this](int fd) { return ipc_->notifyNeedWriteData(fd); }) {
+  std::map<uint32_t, IpcCommandHandler> requests;
+  requests[0] = [this](int fd, char* data, int64_t length, BufferState* send) {
+    return onEventProvideReqCallBack(fd, data, static_cast<long>(length), send);
+  };
+  requests[1] = IpcCommandHandler();
+  requests[2] = IpcCommandHandler();
+  requests[3] = IpcCommandHandler();
+  packageHandler_ = std::make_unique<IpcPackageHandler>(requests);
+
+  IpcHandlerState handlers;
+  handlers.read = [this](int fd, BufferState* receive, BufferState* send) {
+    return onClientLibReadable(fd, receive, send);
+  };
+  handlers.write = [this](int fd, BufferState* send) { return onClientLibWriteable(fd, send); };
+  handlers.connection = [this](int fd) { return onClientLibConnection(fd); };
+  handlers.close = [this](int fd) { return onClientLibClose(fd); };
+  ipc_ = std::make_unique<UnixIpcManager>(true, options.bufferSize, options.socketPath, handlers,
+                                          options.threadName.c_str(), options.cpus, kEpollSize, kEpollMaxEvents);
+}
+
+TavoClientHub::~TavoClientHub() { Join(); }
+
+void TavoClientHub::Start() { ipc_->start(); }
+
+void TavoClientHub::Stop() { ipc_->stop(); }
+
+void TavoClientHub::Join() { ipc_->join(); }
+
+int TavoClientHub::onClientLibConnection(int fd) {
+  events_.AddClient(fd);
+  return 0;
+}
+
+int TavoClientHub::onClientLibReadable(int fd, BufferState* receive, BufferState* send) {
+  if (receive->cursor >= receive->length) return 0;
+  for (;;) {
+    int64_t numSize = 0;
+    int64_t dataSize = 0;
+    if (!CheckIpcPackageComplete(receive, numSize, dataSize)) return 0;
+    const int result = dataSize < 0 ? -1
+                                    : packageHandler_->handleSecondIpcPackage(
+                                          fd, receive->data + receive->cursor + numSize,
+                                          static_cast<long>(dataSize), send);
+    if (result == -1) {
+      TAVO_LOGE(kServiceTag,
+                "[TavoBpfService] Resv event: bufferCursor (%zd), numSize (%ld), dataSize (%ld), readCount (%zd)",
+                static_cast<ssize_t>(receive->cursor), static_cast<long>(numSize), static_cast<long>(dataSize),
+                static_cast<ssize_t>(receive->length));
+      // Never dump past the bytes actually received.
+      int64_t dumpLength = numSize + (dataSize < 0 ? 0 : dataSize);
+      if (dumpLength > receive->length - receive->cursor) dumpLength = receive->length - receive->cursor;
+      TAVO_LOGE(kServiceTag, "[TavoBpfService] BUFFER HEXDUMP: %s",
+                ConvertToHexString(receive->data + receive->cursor, static_cast<int>(dumpLength)).c_str());
+      return -1;
+    }
+    receive->cursor += numSize + dataSize;
+    if (receive->cursor >= receive->length) return 0;
+  }
+}
+
+int TavoClientHub::onClientLibWriteable(int fd, BufferState* send) {
+  events_.FillSendBuffer(fd, send);
+  return 0;
+}
+
+int TavoClientHub::onClientLibClose(int fd) {
+  // Subscriptions go first, so no producer queues for this fd any more.
+  events_.RemoveClient(fd);
+  return 0;
+}
+
+int TavoClientHub::onEventProvideReqCallBack(int fd, char* data, long length, BufferState* send) {
+  uint32_t reqId = 0;
+  if (data != nullptr && length >= static_cast<long>(sizeof(reqId))) memcpy(&reqId, data, sizeof(reqId));
+  int32_t result = -1;
+  // A request too short for its event type is refused without reading on;
+  // so is a code nobody can subscribe to.
+  if (data != nullptr && length >= kRequestLength) {
+    int32_t eventType = 0;
+    memcpy(&eventType, data + kEventTypeOffset, sizeof(eventType));
+    const char* command = data + kCommandOffset;
+    if (memcmp(command, kRegisterCommand, sizeof(kRegisterCommand)) == 0) {
+      if (events_.AddObserverEvent(fd, eventType)) result = 0;
+    } else if (memcmp(command, kUnregisterCommand, sizeof(kUnregisterCommand)) == 0) {
+      if (events_.DelObserverEvent(fd, eventType)) result = 0;
+    }
+  }
+  if (send->capacity - send->length < kReplySize + 1) {
+    TAVO_LOGE(kServiceTag, "Send data size too big! ");
+    return 0;
+  }
+  const uint32_t replyDataLength = 0;
+  char* out = send->data + send->length;
+  memcpy(out, &kReplyFrameLength, 8);
+  memcpy(out + 8, &kReplyCommand, 4);
+  memcpy(out + 12, &kReplyDataLength, 4);
+  memcpy(out + 16, &reqId, 4);
+  memcpy(out + 20, &result, 4);
+  memcpy(out + 24, &replyDataLength, 4);
+  send->length += kReplySize;
+  return 0;
+}
+
+}  // namespace Tavo::Bpf

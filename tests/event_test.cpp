@@ -1,0 +1,177 @@
+// Subscriptions and fan-out, then the client hub over a real socket with
+// the client library on the other end.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "event/tavo_client_hub.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/records.h"
+#include "tests/support/test_env.h"
+#include "tests/support/wait.h"
+#include "tools/tavo_client/tavo_client.h"
+
+using namespace Tavo::Bpf;
+
+namespace {
+
+// Whole frames in a send buffer: (command, data) of each.
+std::vector<std::pair<uint32_t, std::string>> Frames(const BufferState& buffer) {
+  std::vector<std::pair<uint32_t, std::string>> out;
+  for (int64_t at = 0; at + 16 <= buffer.length;) {
+    int64_t length;
+    uint32_t command, dataLength;
+    memcpy(&length, buffer.data + at, 8);
+    memcpy(&command, buffer.data + at + 8, 4);
+    memcpy(&dataLength, buffer.data + at + 12, 4);
+    out.emplace_back(command, std::string(buffer.data + at + 16, dataLength));
+    at += 8 + length;
+  }
+  return out;
+}
+
+struct Buffer {
+  std::vector<char> block = std::vector<char>(4096);
+  BufferState state{0, 0, 4096, block.data()};
+};
+
+}  // namespace
+
+TEST(EventManager, SubscriptionsAreKnownCodesOnlyAndKeepTheirOrder) {
+  std::vector<int> notified;
+  EventManager events([&notified](int fd) {
+    notified.push_back(fd);
+    return true;
+  });
+  for (int fd : {5, 6}) events.AddClient(fd);
+  EXPECT_TRUE(events.AddObserverEvent(6, 7));
+  EXPECT_TRUE(events.AddObserverEvent(5, 7));
+  EXPECT_TRUE(events.AddObserverEvent(5, 7));  // again: no change
+  EXPECT_TRUE(events.AddObserverEvent(5, TAVO_NOTICE_DMABUF_TOTAL));
+  for (int unknown : {15, -1, 49999, 50006, 0x7fffffff}) EXPECT_FALSE(events.AddObserverEvent(5, unknown)) << unknown;
+  EXPECT_FALSE(events.AddObserverEvent(9, 7)) << "not a client";
+  EXPECT_EQ(events.GetEventObservers(7), (std::vector<int>{6, 5}));
+  EXPECT_EQ(events.GetObserverEvents(5), (std::vector<int>{7, TAVO_NOTICE_DMABUF_TOTAL}));
+
+  auto setup = tavo_test::DmabufRecord(TAVO_EVENT_DMABUF_SETUP, 0, 4096, 0, 1);
+  events.AppendEvent(tavo_test::Bytes(setup), sizeof(setup));
+  EXPECT_EQ(notified, (std::vector<int>{6, 5}));
+  Buffer buffer;
+  events.FillSendBuffer(5, &buffer.state);
+  const auto frames = Frames(buffer.state);
+  ASSERT_EQ(frames.size(), 1u);
+  EXPECT_EQ(frames[0].first, 3u);
+  EXPECT_EQ(frames[0].second, std::string(tavo_test::Bytes(setup), sizeof(setup)));
+
+  EXPECT_TRUE(events.DelObserverEvent(6, 7));
+  EXPECT_EQ(events.GetEventObservers(7), (std::vector<int>{5}));
+  events.RemoveClient(5);
+  EXPECT_TRUE(events.GetEventObservers(7).empty());
+  EXPECT_TRUE(events.GetEventObservers(TAVO_NOTICE_DMABUF_TOTAL).empty());
+  notified.clear();
+  events.AppendEvent(tavo_test::Bytes(setup), sizeof(setup));
+  EXPECT_TRUE(notified.empty());
+  EXPECT_EQ(events.ClientCount(), 1u);
+}
+
+TEST(ClientHub, RepliesAreTwentyEightBytesWhenThereIsRoom) {
+  TavoClientHubOptions options;
+  options.socketPath = tavo_test::UniqueName("tavo_hub");
+  TavoClientHub hub(options);
+  hub.events().AddClient(3);
+  // reqId, the command text in 28 bytes, then the event code at 40.
+  auto request = [](uint32_t reqId, const char* command, int32_t code, size_t size = 44) {
+    std::vector<char> r(std::max<size_t>(size, 44));
+    memcpy(r.data(), &reqId, 4);
+    memcpy(r.data() + 4, command, strlen(command) + 1);
+    memcpy(r.data() + 40, &code, 4);
+    r.resize(size);
+    return r;
+  };
+  const struct {
+    std::vector<char> data;
+    int32_t result;
+  } cases[] = {
+      {request(1, "register-event-monitor", 2), 0},
+      {request(2, "register-event-monitor", 15), -1},  // not a code anyone can subscribe to
+      {request(3, "register-event-monitorX", 2), -1},
+      {request(4, "unregister-event-monitor", 2), 0},
+      {request(5, "register-event-monitor", 2, 43), -1},  // too short for its code
+  };
+  Buffer buffer;
+  for (const auto& c : cases) {
+    auto data = c.data;
+    buffer.state.length = 0;
+    EXPECT_EQ(hub.onEventProvideReqCallBack(3, data.data(), static_cast<long>(data.size()), &buffer.state), 0);
+    ASSERT_EQ(buffer.state.length, 28);
+    int64_t frameLength;
+    int32_t words[5];
+    memcpy(&frameLength, buffer.state.data, 8);
+    memcpy(words, buffer.state.data + 8, sizeof(words));
+    uint32_t reqId;
+    memcpy(&reqId, data.data(), 4);
+    EXPECT_EQ(frameLength, 20);
+    EXPECT_EQ(std::vector<int32_t>(words, words + 5),
+              (std::vector<int32_t>{1, 12, static_cast<int32_t>(reqId), c.result, 0}));
+  }
+  EXPECT_TRUE(hub.events().GetEventObservers(2).empty()) << "the unregister took effect";
+  // 28 bytes free is one short: the request still takes effect, no reply.
+  tavo_test::LogCapture log;
+  auto data = request(6, "register-event-monitor", 2);
+  buffer.state.length = buffer.state.capacity - 28;
+  hub.onEventProvideReqCallBack(3, data.data(), 44, &buffer.state);
+  EXPECT_EQ(buffer.state.length, buffer.state.capacity - 28);
+  EXPECT_EQ(log.Count("Send data size too big! ", ANDROID_LOG_ERROR), 1);
+  EXPECT_EQ(hub.events().GetEventObservers(2), (std::vector<int>{3}));
+}
+
+TEST(ClientHub, ClientsGetTheirEventsInOrderUntilTheyLeave) {
+  TavoClientHubOptions options;
+  options.socketPath = tavo_test::UniqueName("tavo_hub");
+  TavoClientHub hub(options);
+  hub.Start();
+  ASSERT_TRUE(tavo_test::WaitFor([&] { return hub.Listening(); }));
+  std::mutex lock;
+  std::vector<std::string> received;
+  Tavo::Client::TavoClient::Options clientOptions;
+  clientOptions.socketPath = options.socketPath;
+  Tavo::Client::TavoClient client(nullptr, clientOptions);
+  client.SetRawCallback([&](const char* data, size_t size) {
+    std::lock_guard<std::mutex> guard(lock);
+    received.emplace_back(data, size);
+  });
+  ASSERT_EQ(client.Connect(), 0);
+  ASSERT_EQ(client.Subscribe(TAVO_EVENT_SCHED_TASK_CREATE), 0);
+  ASSERT_EQ(client.Subscribe(TAVO_NOTICE_PROCESS_START), 0);
+  EXPECT_EQ(client.Subscribe(49999), -1);
+  EXPECT_EQ(errno, EPROTO);
+
+  std::vector<std::string> sent;
+  for (int pid = 1; pid <= 200; ++pid) {
+    auto fork = tavo_test::CreateRecord(pid, 1, "child", pid, TAVO_TASK_KIND_PROCESS);
+    tavo_notice_process_start start{TAVO_NOTICE_PROCESS_START, pid, 1, 0, "child"};
+    auto exit = tavo_test::ExitRecord(pid, "child", pid, TAVO_TASK_KIND_PROCESS);  // nobody wants these
+    for (const auto& bytes : {std::string(tavo_test::Bytes(fork), sizeof(fork)),
+                              std::string(reinterpret_cast<char*>(&start), sizeof(start)),
+                              std::string(tavo_test::Bytes(exit), sizeof(exit))}) {
+      hub.AppendEvent(bytes.data(), bytes.size());
+      if (bytes.size() != sizeof(exit)) sent.push_back(bytes);
+    }
+  }
+  ASSERT_TRUE(tavo_test::WaitFor([&] {
+    std::lock_guard<std::mutex> guard(lock);
+    return received.size() >= sent.size();
+  }, 10000));
+  {
+    std::lock_guard<std::mutex> guard(lock);
+    EXPECT_EQ(received, sent);
+  }
+  ASSERT_EQ(client.Unsubscribe(TAVO_EVENT_SCHED_TASK_CREATE), 0);
+  EXPECT_EQ(hub.events().GetEventObservers(TAVO_EVENT_SCHED_TASK_CREATE).size(), 0u);
+  client.Close();
+  EXPECT_TRUE(tavo_test::WaitFor([&] { return hub.events().ClientCount() == 0; }));
+  EXPECT_TRUE(hub.events().GetEventObservers(TAVO_NOTICE_PROCESS_START).empty());
+}

@@ -1,1 +1,0 @@
-target_link_libraries(kern_e2e_test PRIVATE tavo_loader tavo_client)

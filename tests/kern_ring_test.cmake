@@ -1,1 +1,0 @@
-target_link_libraries(kern_ring_test PRIVATE tavo_loader)

@@ -1,0 +1,194 @@
+// The service as a whole: start-up, readiness, supervision, dispatch and the
+// dumps on signals. Its kernel side is covered by kern_test.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <android-base/file.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "include/tavo_bpf_service_main.h"
+#include "service/tavo_bpf_service.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/records.h"
+#include "tests/support/test_env.h"
+#include "tests/support/wait.h"
+#include "util/tavo_properties.h"
+#include "util/tavo_time.h"
+
+using namespace Tavo::Bpf;
+using tavo_test::FindThread;
+using tavo_test::WaitFor;
+
+namespace {
+
+constexpr const char* kDisable = "persist.sys.stability.bpfframework.disable";
+constexpr const char* kReady = "sys.tavo_bpf_ready";
+
+TavoServiceOptions TestOptions(const tavo_test::TempDir& dir) {
+  TavoServiceOptions options;
+  options.pinDir = dir.path() + "/pins/";  // nothing pinned: the pumps fail and end
+  options.dumpDir = dir.path() + "/dumps";
+  options.hub.socketPath = tavo_test::UniqueName("tavo_service");
+  options.supervisionPeriod = std::chrono::milliseconds(50);
+  options.readinessPeriod = std::chrono::milliseconds(20);
+  return options;
+}
+
+uint32_t Counted(TavoBpfDataState& counters, int type) {
+  return counters.getCounter(counters.getCurrentIndex(), type);
+}
+
+}  // namespace
+
+TEST(Service, DisabledOnlyByExactlyOne) {
+  if (!tavo_test::Env().bpffs) GTEST_SKIP() << "the process's own service needs a private socket space";
+  tavo_test::LogCapture log;
+  SetServiceProperty(kDisable, "1");
+  EXPECT_EQ(BpfServiceMain(), 0);
+  EXPECT_EQ(log.Count("[BpfServiceMain] Starting TAVO Bpf Service disabled!", ANDROID_LOG_INFO), 1);
+  for (const char* value : {"0", "true", "01", "1 ", ""}) {
+    SetServiceProperty(kDisable, value);
+    EXPECT_EQ(BpfServiceMain(), 1) << "'" << value << "'";
+  }
+  EXPECT_EQ(log.Count("[BpfServiceMain] Starting TAVO Bpf Service", ANDROID_LOG_INFO), 6);
+  TavoBpfService* service = TavoBpfService::GetInstance();
+  int tid = -1;
+  ASSERT_TRUE(WaitFor([&] { return (tid = FindThread("BpfServicePoll")) > 0; }));
+  cpu_set_t cpus;  // named and kept off CPUs 3 and up
+  ASSERT_EQ(sched_getaffinity(tid, sizeof(cpus), &cpus), 0);
+  for (int cpu = 3; cpu < CPU_SETSIZE; ++cpu) EXPECT_FALSE(CPU_ISSET(cpu, &cpus)) << cpu;
+  EXPECT_EQ(service->stop(), 0);
+  EXPECT_EQ(service->Wait(), 0);
+  EXPECT_EQ(FindThread("BpfServicePoll"), -1);
+  SetServiceProperty(kDisable, "0");
+}
+
+// The GPL pump needs the loader's maps: Wait() must not start it before
+// readiness (it would end at once), and must relaunch a pump that ended.
+TEST(Service, PumpsStartAfterReadinessAndComeBackAfterTheyEnd) {
+  tavo_test::TempDir dir;
+  auto service = TavoBpfService::Create(TestOptions(dir));
+  tavo_test::LogCapture log;
+  SetServiceProperty(kReady, "0");
+  service->start();
+  std::thread waiter([&] { service->Wait(); });
+  ASSERT_TRUE(WaitFor([] { return FindThread("BpfServiceTr") > 0; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // six supervision rounds
+  EXPECT_GT(FindThread("BpfServicePoll"), 0) << "waiting for readiness";
+  EXPECT_EQ(log.Count("get ringbuf failed"), 0) << "no pump before readiness";
+  EXPECT_FALSE(service->enableCoreBpf(0, true)) << "no status map yet";
+  EXPECT_FALSE(service->enableCoreBpf(2, true));
+  EXPECT_FALSE(service->enableNormalBpf(-1, true));
+
+  SetServiceProperty(kReady, "00");  // any value but "0"
+  for (const char* prefix : {"[TavoBpfService][eventMonitor]", "[TavoBpfService][gpleventMonitor]"}) {
+    EXPECT_TRUE(WaitFor([&] { return log.Count(std::string(prefix) + " TAVOBPF: get ringbuf failed") >= 2; }))
+        << prefix << ": a pump that ended is relaunched";
+  }
+  EXPECT_GE(log.Count("[TavoBpfService][Wait] relaunching BpfServicePGpl", ANDROID_LOG_WARN), 1);
+  const auto stopped = std::chrono::steady_clock::now();
+  service->stop();
+  waiter.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(1));
+  EXPECT_EQ(FindThread("BpfServiceTr"), -1);
+  SetServiceProperty(kReady, "0");
+}
+
+TEST(Service, DispatchCountsChecksFansOutThenHandles) {
+  TavoBpfDataState counters(&GetSystemSecondsTime);
+  std::vector<std::string> fannedOut, handled;
+  TavoEventDispatcher dispatcher(counters, [&](const char* data, unsigned long size) {
+    fannedOut.emplace_back(data, size);
+    return 0;
+  });
+  dispatcher.SetHandler(2, [&](char* data, long size) {
+    handled.emplace_back(data, size);
+    EXPECT_EQ(fannedOut.size(), handled.size()) << "subscribers see the record before the handler";
+    return 7;
+  });
+  auto record = [](uint32_t type, size_t size) {
+    std::vector<char> r(size, 0x5a);
+    memcpy(r.data(), &type, sizeof(type));
+    return r;
+  };
+  tavo_test::LogCapture log;
+  const struct {
+    uint32_t type;
+    size_t size;
+    int result;
+    int countedAt;  // -1: nowhere
+  } cases[] = {{2, 48, 7, 2}, {5, 40, 0, 5}, {15, 24, -1, 15}, {16, 24, -1, -1}, {2, 15, 0, -1}};
+  for (const auto& c : cases) {
+    auto r = record(c.type, c.size);
+    const uint32_t before = c.countedAt >= 0 ? Counted(counters, c.countedAt) : 0;
+    EXPECT_EQ(TavoEventDispatcher::handleBpfRingBuffEvent(&dispatcher, r.data(), r.size()), c.result) << c.type;
+    if (c.countedAt >= 0) {
+      EXPECT_EQ(Counted(counters, c.countedAt), before + 1) << c.type;
+    }
+  }
+  EXPECT_EQ(fannedOut.size(), 2u);
+  EXPECT_EQ(handled.size(), 1u);
+  EXPECT_EQ(log.Count("[TavoBpfService] handleEvent ERROR!!! Type: 15", ANDROID_LOG_ERROR), 1);
+  EXPECT_EQ(log.Count("[TavoBpfService] handleEvent ERROR!!! Type: 16", ANDROID_LOG_ERROR), 1);
+  EXPECT_EQ(log.Count("[TavoBpfService] handleEvent short record! size: 15", ANDROID_LOG_ERROR), 1);
+}
+
+// Signals 50 to 54 while two threads feed records: no deadlock, and every
+// file left behind is a whole dump.
+TEST(Service, SignalledDumpsDuringARecordStormAreWhole) {
+  tavo_test::TempDir dir;
+  auto service = TavoBpfService::Create(TestOptions(dir));
+  service->start();
+  TavoEventDispatcher& dispatcher = service->parts().dispatcher;
+  std::atomic<bool> stop{false};
+  auto feed = [&](int base) {
+    for (uint64_t ts = 10'000'000'000ULL; !stop; ts += 1000) {
+      for (int pid = base; pid < base + 200; ++pid) {
+        auto create = tavo_test::CreateRecord(pid, 1, "feeder", ts, TAVO_TASK_KIND_PROCESS);
+        auto rss = tavo_test::RssRecord(pid, pid % 4, (pid % 7 + 1) * 65536, ts + 4'000'000'000ULL);
+        auto exit = tavo_test::ExitRecord(pid, "feeder", ts, TAVO_TASK_KIND_PROCESS);
+        dispatcher.Dispatch(&create, sizeof(create));
+        dispatcher.Dispatch(&rss, sizeof(rss));
+        if (pid % 3 == 0) dispatcher.Dispatch(&exit, sizeof(exit));
+      }
+    }
+  };
+  std::thread a(feed, 10000), b(feed, 20000);
+  for (int round = 0; round < 50; ++round) {
+    for (int signo = 50; signo <= 54; ++signo) kill(getpid(), signo);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  stop = true;
+  a.join();
+  b.join();
+  const std::string dump = dir.path() + "/dumps/DUMPTASK_INFO";
+  for (int signo = 50; signo <= 54; ++signo) {
+    unlink(dump.c_str());
+    kill(getpid(), signo);
+    std::string text;
+    unsigned count = 0;
+    // A dump is whole when its title's count matches its rows.
+    ASSERT_TRUE(WaitFor([&] {
+      if (signo == 50) return android::base::ReadFileToString(dir.path() + "/dumps/bpfservice_state.csv", &text);
+      unsigned long when;
+      if (!android::base::ReadFileToString(dump, &text) ||
+          sscanf(text.c_str(), "============ DUMP ALL TAVO TASKS INFO (count: %u, time: %lu)", &count, &when) != 2) {
+        return false;
+      }
+      const auto rows = std::count(text.begin(), text.end(), '\n') - 2;
+      return signo == 52 || signo == 54 ? rows <= count : rows == count;
+    })) << signo;
+    if (signo != 50) {
+      EXPECT_GT(count, 0u);
+    }
+  }
+  service->stop();
+  service->Wait();
+}
