@@ -19,8 +19,8 @@ constexpr const char* kEventNames[] = {
 constexpr int kEventNameCount = sizeof(kEventNames) / sizeof(kEventNames[0]);
 }  // namespace
 
-TavoBpfDataState::TavoBpfDataState(Clock clock) : clock(clock), lastTime(clock()) {
-  for (auto& slot : slots) {
+TavoBpfDataState::TavoBpfDataState(Clock clock) : clock_(clock), lastTime_(clock()) {
+  for (auto& slot : slots_) {
     for (auto& counter : slot) counter.store(0, std::memory_order_relaxed);
   }
 }
@@ -31,36 +31,36 @@ const char* TavoBpfDataState::EventName(int type) {
 
 uint32_t TavoBpfDataState::getCounter(int64_t slot, int type) const {
   if (type < 0 || type >= kCounterCount || slot < 0) return 0;
-  return slots[slot % kSlotCount][type].load(std::memory_order_relaxed);
+  return slots_[slot % kSlotCount][type].load(std::memory_order_relaxed);
 }
 
 void TavoBpfDataState::RecordEvent(int type, int count) {
-  const int64_t now = clock();
+  const int64_t now = clock_();
   if (type < 0 || type >= kCounterCount) return;
-  int64_t last = lastTime.load(std::memory_order_relaxed);
+  int64_t last = lastTime_.load(std::memory_order_relaxed);
   // Only the thread that wins the exchange moves the window; a clock that
   // stepped back keeps counting into the current slot.
-  if (now > last && lastTime.compare_exchange_strong(last, now, std::memory_order_relaxed)) {
-    const int64_t current = currentIndex.load(std::memory_order_relaxed);
+  if (now > last && lastTime_.compare_exchange_strong(last, now, std::memory_order_relaxed)) {
+    const int64_t current = currentIndex_.load(std::memory_order_relaxed);
     int64_t elapsed = now - last;
     if (elapsed > kSlotCount) elapsed = kSlotCount;  // zeroing more than the ring is moot
     const int64_t next = current + (now - last);
-    const int64_t oldest = oldestIndex.load(std::memory_order_relaxed);
+    const int64_t oldest = oldestIndex_.load(std::memory_order_relaxed);
     if (next - oldest >= kSlotCount) {
-      oldestIndex.store(next - (kSlotCount - 1), std::memory_order_relaxed);
+      oldestIndex_.store(next - (kSlotCount - 1), std::memory_order_relaxed);
     }
     for (int64_t i = next - elapsed + 1; i <= next; ++i) {
-      for (auto& counter : slots[i % kSlotCount]) counter.store(0, std::memory_order_relaxed);
+      for (auto& counter : slots_[i % kSlotCount]) counter.store(0, std::memory_order_relaxed);
     }
-    currentIndex.store(next, std::memory_order_relaxed);
+    currentIndex_.store(next, std::memory_order_relaxed);
   }
-  const int64_t index = currentIndex.load(std::memory_order_relaxed);
-  slots[index % kSlotCount][type].fetch_add(static_cast<uint32_t>(count), std::memory_order_relaxed);
+  const int64_t index = currentIndex_.load(std::memory_order_relaxed);
+  slots_[index % kSlotCount][type].fetch_add(static_cast<uint32_t>(count), std::memory_order_relaxed);
 }
 
 std::string TavoBpfDataState::FormatState() const {
-  const int64_t current = currentIndex.load(std::memory_order_relaxed);
-  const int64_t oldest = oldestIndex.load(std::memory_order_relaxed);
+  const int64_t current = currentIndex_.load(std::memory_order_relaxed);
+  const int64_t oldest = oldestIndex_.load(std::memory_order_relaxed);
   std::string out = "EventCount, ";
   for (int i = 0; i < kEventNameCount; ++i) {
     out += kEventNames[i];
@@ -73,7 +73,7 @@ std::string TavoBpfDataState::FormatState() const {
     uint32_t values[kCounterCount];
     int sum = 0;
     for (int k = 0; k < kCounterCount; ++k) {
-      values[k] = slots[slot % kSlotCount][k].load(std::memory_order_relaxed);
+      values[k] = slots_[slot % kSlotCount][k].load(std::memory_order_relaxed);
       if (k < kEventNameCount) sum += static_cast<int>(values[k]);
     }
     out += StringPrintf("%d, ", sum);

@@ -27,18 +27,18 @@ class TavoBpfDataState {
   std::string FormatState() const;
   static const char* EventName(int type);
 
-  int64_t getCurrentIndex() const { return currentIndex.load(std::memory_order_relaxed); }
-  int64_t getOldestIndex() const { return oldestIndex.load(std::memory_order_relaxed); }
+  int64_t getCurrentIndex() const { return currentIndex_.load(std::memory_order_relaxed); }
+  int64_t getOldestIndex() const { return oldestIndex_.load(std::memory_order_relaxed); }
   uint32_t getCounter(int64_t slot, int type) const;
 
  private:
-  Clock clock;
-  std::atomic<int64_t> lastTime;
-  std::atomic<int64_t> currentIndex{0};
-  std::atomic<int64_t> oldestIndex{0};
+  Clock clock_;
+  std::atomic<int64_t> lastTime_;
+  std::atomic<int64_t> currentIndex_{0};
+  std::atomic<int64_t> oldestIndex_{0};
   // Two pump threads record without a lock; relaxed atomics keep each
   // addition whole without ordering cost.
-  std::atomic<uint32_t> slots[kSlotCount][kCounterCount];
+  std::atomic<uint32_t> slots_[kSlotCount][kCounterCount];
 };
 
 }  // namespace Tavo::Bpf
