@@ -27,6 +27,9 @@
 #include <thread>
 #include <vector>
 
+#include <android-base/unique_fd.h>
+
+#include "bench/bench_support.h"
 #include "ipc/ipc_package_manager.h"
 #include "ipc/unix_ipc_manager.h"
 
@@ -38,15 +41,6 @@ constexpr size_t kQueueHighWater = 20000;       // producer backs off above this
 
 std::string Name(const char* what) {
   return std::string("/mnt/bpfframework/ipc-bench-") + what + "-" + std::to_string(getpid());
-}
-
-bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
 }
 
 long RssKiB() {
@@ -104,7 +98,7 @@ class QueueServer {
     };
     ipc = std::make_unique<UnixIpcManager>(true, bufferSize, path, handlers, "IpcBenchSrv", 10, 32);
     ipc->start();
-    WaitUntil([this] { return ipc->getSocketFd() >= 0; }, 3000);
+    tavo_bench::WaitUntil([this] { return ipc->getSocketFd() >= 0; }, 3000);
   }
 
   IpcPackageManager* find(int fd) {
@@ -133,7 +127,7 @@ class QueueServer {
 
 // Reads frames from several sockets until each delivered `count` packages;
 // false on a frame out of order or malformed.
-bool ReadAll(const std::vector<int>& sockets, uint64_t count) {
+bool ReadAll(const std::vector<android::base::unique_fd>& sockets, uint64_t count) {
   struct Reader {
     std::vector<char> buffer = std::vector<char>(256 * 1024);
     size_t have = 0;
@@ -141,14 +135,14 @@ bool ReadAll(const std::vector<int>& sockets, uint64_t count) {
   };
   std::vector<Reader> readers(sockets.size());
   std::vector<pollfd> polls;
-  for (int fd : sockets) polls.push_back(pollfd{fd, POLLIN, 0});
+  for (const auto& fd : sockets) polls.push_back(pollfd{fd.get(), POLLIN, 0});
   size_t finished = 0;
   while (finished < sockets.size()) {
     if (poll(polls.data(), polls.size(), 5000) <= 0) return false;
     for (size_t i = 0; i < sockets.size(); ++i) {
       Reader& r = readers[i];
       if (!(polls[i].revents & POLLIN) || r.next == count) continue;
-      const ssize_t got = recv(sockets[i], r.buffer.data() + r.have, r.buffer.size() - r.have, 0);
+      const ssize_t got = recv(sockets[i].get(), r.buffer.data() + r.have, r.buffer.size() - r.have, 0);
       if (got <= 0) {
         if (got < 0 && errno == EAGAIN) continue;
         return false;
@@ -185,9 +179,9 @@ void RunFanOut(benchmark::State& state, int connections) {
   const int bufferSize = static_cast<int>(state.range(1));
   const std::string path = Name("fan");
   QueueServer server(path, bufferSize, false);
-  std::vector<int> sockets;
-  for (int i = 0; i < connections; ++i) sockets.push_back(ConnectToServer(path));
-  if (!WaitUntil([&] { return server.connectionCount() == static_cast<size_t>(connections); }, 5000)) {
+  std::vector<android::base::unique_fd> sockets;
+  for (int i = 0; i < connections; ++i) sockets.emplace_back(ConnectToServer(path));
+  if (!tavo_bench::WaitUntil([&] { return server.connectionCount() == static_cast<size_t>(connections); }, 5000)) {
     state.SkipWithError("clients not accepted");
     return;
   }
@@ -227,7 +221,6 @@ void RunFanOut(benchmark::State& state, int connections) {
   if (!ordered) state.SkipWithError("packages lost or out of order");
   state.counters["pkgs_per_conn/s"] = total > 0 ? static_cast<double>(base) / total : 0;
   state.counters["connections"] = connections;
-  for (int fd : sockets) close(fd);
 }
 
 void BM_Throughput1Connection(benchmark::State& state) { RunFanOut(state, 1); }
@@ -241,7 +234,7 @@ void BM_IdleConnectionMemory(benchmark::State& state) {
   for (auto _ : state) {
     const std::string path = Name("mem");
     QueueServer server(path, 32768, true);
-    std::vector<int> sockets;
+    std::vector<android::base::unique_fd> sockets;
     const long before = RssKiB();
     const std::string frame = [] {
       std::string f(16 + 8, '\0');
@@ -254,16 +247,16 @@ void BM_IdleConnectionMemory(benchmark::State& state) {
       return f;
     }();
     for (int i = 0; i < connections; ++i) {
-      const int fd = ConnectToServer(path);
+      android::base::unique_fd fd(ConnectToServer(path));
       if (fd < 0) break;
-      sockets.push_back(fd);
-      send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
+      send(fd.get(), frame.data(), frame.size(), MSG_NOSIGNAL);
+      sockets.push_back(std::move(fd));
     }
-    bool served = WaitUntil([&] { return server.connectionCount() == sockets.size(); }, 10000);
-    for (int fd : sockets) {
-      pollfd p{fd, POLLIN, 0};
+    bool served = tavo_bench::WaitUntil([&] { return server.connectionCount() == sockets.size(); }, 10000);
+    for (const auto& fd : sockets) {
+      pollfd p{fd.get(), POLLIN, 0};
       char reply[64];
-      if (poll(&p, 1, 3000) <= 0 || recv(fd, reply, sizeof(reply), 0) != static_cast<ssize_t>(frame.size())) {
+      if (poll(&p, 1, 3000) <= 0 || recv(fd.get(), reply, sizeof(reply), 0) != static_cast<ssize_t>(frame.size())) {
         served = false;
       }
     }
@@ -275,7 +268,6 @@ void BM_IdleConnectionMemory(benchmark::State& state) {
     state.counters["rss_growth_KiB"] = static_cast<double>(after - before);
     state.counters["KiB_per_conn"] =
         static_cast<double>(after - before) / static_cast<double>(std::max<size_t>(1, sockets.size()));
-    for (int fd : sockets) close(fd);
   }
 }
 

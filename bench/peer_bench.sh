@@ -11,10 +11,17 @@ N=${1:-20000}
 ROUNDS=${2:-3}
 B=build/release
 [ "$(id -u)" = 0 ] || { echo "peer_bench: needs root" >&2; exit 1; }
-command -v bpftrace >/dev/null || scripts/install-deps.sh bpftrace
-cmake --preset release >/dev/null
-cmake --build --preset release --target tavo_bpfd tavo_storm tavo_bench_subscriber tavo_loader_cmd >/dev/null
-[ -e /sys/kernel/tracing/events ] || mount -t tracefs tracefs /sys/kernel/tracing
+if [ -z "${TAVO_PEER_NS:-}" ]; then
+  command -v bpftrace >/dev/null || scripts/install-deps.sh bpftrace
+  cmake --preset release >/dev/null
+  cmake --build --preset release --target tavo_bpfd tavo_storm tavo_bench_subscriber >/dev/null
+  # Mount and network namespaces of its own: the daemon's pins, tracefs and
+  # the service's socket name never meet a service already on this machine,
+  # and go away with the run.
+  TAVO_PEER_NS=1 exec unshare --mount --net --propagation private bash "$PWD/bench/peer_bench.sh" "$@"
+fi
+mount -t bpf bpf /sys/fs/bpf
+mount -t tracefs tracefs /sys/kernel/tracing
 
 work=$(mktemp -d /tmp/tavo_peer.XXXXXX)
 results=$work/results.txt
@@ -23,7 +30,6 @@ bg=""
 cleanup() {
   [ -z "$bg" ] || kill -TERM $bg 2>/dev/null || true
   wait 2>/dev/null || true
-  "$B/tools/tavo_loader/tavo_loader" unload >/dev/null 2>&1 || true
 }
 trap cleanup EXIT
 
@@ -68,7 +74,11 @@ for round in $(seq "$ROUNDS"); do
   "$B/tools/tavo_bpfd/tavo_bpfd" 2>"$work/bpfd.log" &
   daemon=$!
   bg=$daemon
-  for _ in $(seq 100); do grep -q '@/mnt/bpfframework/tavobpfdispatcher' /proc/net/unix && break; sleep 0.1; done
+  for _ in $(seq 100); do
+    grep -q '@/mnt/bpfframework/tavobpfdispatcher' /proc/net/unix && break
+    kill -0 $daemon 2>/dev/null || { cat "$work/bpfd.log" >&2; exit 1; }
+    sleep 0.1
+  done
   sleep 1  # programs attached, start-up scan done
   for kind in fork thread; do
     coproc SUB { exec "$B/bench/tavo_bench_subscriber" "$work/client.out"; }

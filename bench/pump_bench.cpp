@@ -1,19 +1,18 @@
 // Pump throughput: a BPF program on syscalls/sys_enter_getppid writes one
 // 24-byte record per getppid() of this process into a ring buffer; the
 // benchmark thread fires getppid() in a tight loop while a consumer thread
-// drains the ring either through the service's sample callback
-// (handleBpfRingBuffEvent: counters, type check, fan-out, handler look-up)
-// or through a bare libbpf callback that only counts. Both consume the same
-// ring in the same run; figures: records/s and consumer CPU ns per record.
+// drains the ring either with the service's pump (TavoRingPump::Run: epoll
+// on the ring and its stop eventfd, poll counting, then the dispatcher's
+// counters, type check, fan-out and handler look-up) or with a bare libbpf
+// poll loop whose callback only counts. Both consume the same ring in the
+// same run; figures: records/s and consumer CPU ns per record.
 //
-// Needs root (loads BPF). Nothing is pinned and tracefs is mounted in a
-// private mount namespace, so it leaves no trace.
+// Needs root (loads BPF). The ring is pinned in a private bpffs, and tracefs
+// mounted if missing, in a mount namespace of its own: it leaves no trace.
 #include <benchmark/benchmark.h>
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -21,65 +20,71 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <memory>
+#include <string>
 #include <thread>
 
-#include "bpf/tavo_bpf_records.h"
+#include "bench/bench_support.h"
+#include "bpf/tavo_bpf_pins.h"
 #include "service/tavo_bpf_service.h"
-#include "state/tavo_bpf_state.h"
+#include "tests/support/pump_object.h"
 
 using namespace Tavo::Bpf;
-
-// The object is built with the tests (tests/pump_objects.tests.cmake).
-#ifndef TAVO_PUMP_BPF_OBJECT
-#define TAVO_PUMP_BPF_OBJECT "tavo_pump_test.bpf.o (configure with tests on)"
-#endif
 
 namespace {
 
 constexpr uint32_t kRingBytes = 1u << 24;
 constexpr int kBatch = 10000;
+constexpr uint32_t kType = TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO;  // counted and forwarded, no handler
+constexpr const char* kPinDir = "/sys/fs/bpf/";                   // the private bpffs
+constexpr const char* kObject = "TavoPumpBench";
 
-struct Producer {
-  bpf_object* object = nullptr;
-  bpf_link* link = nullptr;
-  int ringFd = -1;
-  int statusFd = -1;
-  const char* error = nullptr;
+struct LinkDestroy {
+  void operator()(bpf_link* link) const { bpf_link__destroy(link); }
+};
+struct RingFree {
+  void operator()(ring_buffer* rb) const { ring_buffer__free(rb); }
 };
 
-// Loaded once and attached for the life of the process.
+// The pump tests' stand-in object with a larger ring, attached for the
+// life of the process, its ring and status maps pinned where a pump looks.
+struct Producer {
+  std::unique_ptr<tavo_test::PumpObject> object;
+  std::unique_ptr<bpf_link, LinkDestroy> link;
+  std::string error;
+};
+
+std::string gNamespaceError = "not prepared";
+
 Producer& GetProducer() {
   static Producer producer = [] {
     Producer p;
-    p.object = bpf_object__open_file(TAVO_PUMP_BPF_OBJECT, nullptr);
-    if (p.object == nullptr) {
-      p.error = "cannot open the BPF object";
+    if (!gNamespaceError.empty()) {
+      p.error = gNamespaceError;
       return p;
     }
-    bpf_map__set_max_entries(bpf_object__find_map_by_name(p.object, "ringbuf_map"), kRingBytes);
-    if (bpf_object__load(p.object) != 0) {
-      p.error = "cannot load the BPF object (root needed)";
+    p.object = std::make_unique<tavo_test::PumpObject>(
+        kPinDir, kObject, tavo_test::BesideExecutable("../tests/bpf/tavo_pump_test.bpf.o"), kRingBytes);
+    if (!p.object->ok()) {
+      p.error = "cannot load and pin tests/bpf/tavo_pump_test.bpf.o (built with the tests)";
       return p;
     }
-    p.link = bpf_program__attach(bpf_object__find_program_by_name(p.object, "getppid_record"));
-    if (p.link == nullptr) {
+    p.link.reset(bpf_program__attach(bpf_object__find_program_by_name(p.object->get(), "emit")));
+    if (!p.link) {
       p.error = "cannot attach to syscalls/sys_enter_getppid";
       return p;
     }
-    p.ringFd = bpf_map__fd(bpf_object__find_map_by_name(p.object, "ringbuf_map"));
-    p.statusFd = bpf_map__fd(bpf_object__find_map_by_name(p.object, "ringbuf_status"));
-    uint32_t key = 0;
-    uint64_t flags = TAVO_STATUS_CORE_ENABLED;
-    bpf_map_update_elem(p.statusFd, &key, &flags, BPF_ANY);
-    struct {
-      uint32_t type;
-      int32_t tgid;
-    } config = {TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO, getpid()};
-    const int configFd = bpf_map__fd(bpf_object__find_map_by_name(p.object, "test_config"));
-    bpf_map_update_elem(configFd, &key, &config, BPF_ANY);
+    p.object->SetStatus(TAVO_STATUS_FLAGS, TAVO_STATUS_CORE_ENABLED);  // the bare consumer raises nothing itself
+    p.object->Produce(kType, getpid());
     return p;
   }();
   return producer;
+}
+
+// Not started: its dispatcher fans out to a hub without subscribers.
+TavoBpfService::Parts& Service() {
+  static const auto service = TavoBpfService::Create(TavoServiceOptions());
+  return service->parts();
 }
 
 std::atomic<uint64_t> gBareCount{0};
@@ -90,9 +95,7 @@ int BareCallback(void*, void*, size_t) {
 
 uint64_t ServiceCount() {
   uint64_t sum = 0;
-  for (int slot = 0; slot < TavoBpfDataState::kSlotCount; ++slot) {
-    sum += TavoBpfDataState::GetInstance()->getCounter(slot, TAVO_EVENT_CGROUP_ATTACH_CPUSET_INFO);
-  }
+  for (int slot = 0; slot < TavoBpfDataState::kSlotCount; ++slot) sum += Service().counters.getCounter(slot, kType);
   return sum;
 }
 
@@ -110,27 +113,35 @@ RunFigures gFigures[2];  // 0 = bare, 1 = service
 
 void BM_PumpConsumer(benchmark::State& state, bool service) {
   Producer& producer = GetProducer();
-  if (producer.error != nullptr) {
-    state.SkipWithError(producer.error);
+  if (!producer.error.empty()) {
+    state.SkipWithError(producer.error.c_str());
     return;
   }
-  if (service) TavoBpfService::GetInstance();  // built outside the measured consumer
-  ring_buffer* rb = ring_buffer__new(producer.ringFd, service ? TavoBpfService::handleBpfRingBuffEvent : BareCallback,
-                                     nullptr, nullptr);
-  if (rb == nullptr) {
+  TavoRingPumpConfig config;
+  config.pinDir = kPinDir;
+  config.object = kObject;
+  config.logPrefix = "[pump_bench]";
+  config.stopMessage = "consumer stopped";
+  TavoRingPump pump(config, &TavoEventDispatcher::handleBpfRingBuffEvent, &Service().dispatcher, Service().counters);
+  std::unique_ptr<ring_buffer, RingFree> rb(ring_buffer__new(producer.object->RingFd(), BareCallback, nullptr, nullptr));
+  if (!rb) {
     state.SkipWithError("ring_buffer__new failed");
     return;
   }
+  ring_buffer__consume(rb.get());  // leftovers of an earlier run
   auto consumed = [service] { return service ? ServiceCount() : gBareCount.load(); };
-  ring_buffer__consume(rb);  // leftovers of an earlier run
   const uint64_t before = consumed();
 
   std::atomic<bool> stop{false};
   std::atomic<int64_t> cpuNs{0};
   std::thread consumer([&] {
     const int64_t start = ThreadCpuNs();
-    while (!stop.load(std::memory_order_relaxed)) ring_buffer__poll(rb, 20);
-    ring_buffer__consume(rb);
+    if (service) {
+      pump.Run({});
+    } else {
+      while (!stop.load(std::memory_order_relaxed)) ring_buffer__poll(rb.get(), 20);
+      ring_buffer__consume(rb.get());
+    }
     cpuNs = ThreadCpuNs() - start;
   });
 
@@ -153,15 +164,12 @@ void BM_PumpConsumer(benchmark::State& state, bool service) {
   }
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
   stop = true;
+  pump.Stop();
   consumer.join();
-  ring_buffer__free(rb);
 
   const uint64_t records = consumed() - before;
-  uint32_t key = 0;
-  uint64_t flags = 0;
-  bpf_map_lookup_elem(producer.statusFd, &key, &flags);
-  flags &= ~TAVO_STATUS_RING_FULL;  // acknowledge a full mark for the next run
-  bpf_map_update_elem(producer.statusFd, &key, &flags, BPF_ANY);
+  // Acknowledge a full mark for the next run.
+  producer.object->SetStatus(TAVO_STATUS_FLAGS, producer.object->Status(TAVO_STATUS_FLAGS) & ~TAVO_STATUS_RING_FULL);
 
   RunFigures& figures = gFigures[service ? 1 : 0];
   figures.recordsPerSecond = records / seconds;
@@ -173,16 +181,12 @@ void BM_PumpConsumer(benchmark::State& state, bool service) {
 }
 
 BENCHMARK_CAPTURE(BM_PumpConsumer, bare_libbpf, false)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
-BENCHMARK_CAPTURE(BM_PumpConsumer, service_callback, true)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK_CAPTURE(BM_PumpConsumer, service_pump, true)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Tracepoint ids are read from tracefs, which a host may not mount.
-  if (access("/sys/kernel/tracing/events", F_OK) != 0 && unshare(CLONE_NEWNS) == 0 &&
-      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0) {
-    mount("tracefs", "/sys/kernel/tracing", "tracefs", 0, nullptr);
-  }
+  gNamespaceError = tavo_bench::PrivateBpfFs();  // before any thread
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

@@ -4,22 +4,18 @@
 //
 //   build/release/bench/subs_bench
 //
-// Runs the service in this process; as root it first moves into a private
-// network namespace so the socket name cannot clash with a running service.
+// Runs the service's client hub in this process under a socket name of its
+// own, so it cannot clash with a running service; no pumps.
 #include <benchmark/benchmark.h>
-#include <sched.h>
-
-#include <android-base/properties.h>
+#include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <memory>
-#include <thread>
+#include <string>
 #include <vector>
 
-#include "include/tavo_bpf_service_main.h"
+#include "bench/bench_support.h"
 #include "service/tavo_bpf_service.h"
 #include "tools/tavo_client/tavo_client.h"
 
@@ -32,44 +28,37 @@ constexpr uint32_t kType = 5;         // counted and forwarded, no handler
 constexpr size_t kRecordSize = 48;    // 64 bytes on the wire
 constexpr int kBatch = 40000;         // well under the 4 MiB queue bound
 
-bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  }
-  return true;
-}
+const std::string kSocket = "/mnt/bpfframework/subs-bench-" + std::to_string(getpid());
 
-bool StartService() {
-  static bool started = [] {
-    if (unshare(CLONE_NEWNET) != 0) {
-      fprintf(stderr, "subs_bench: no private network namespace (%s); using the host's\n",
-              strerror(errno));
-    }
-    android::base::SetProperty("sys.tavo_bpf_ready", "0");  // no pumps: records come from here
-    BpfServiceMain();
-    return WaitUntil(
-        [] {
-          TavoClient probe(nullptr);
-          return probe.Connect() == 0;
-        },
-        5000);
+// The service with only its socket thread running; null when the socket
+// did not come up.
+TavoBpfService::Parts* Service() {
+  static const auto service = [] {
+    TavoServiceOptions options;
+    options.hub.socketPath = kSocket;
+    return TavoBpfService::Create(options);
   }();
-  return started;
+  static const bool listening = [] {
+    service->parts().hub.Start();
+    return tavo_bench::WaitUntil([] { return service->parts().hub.Listening(); }, 5000);
+  }();
+  return listening ? &service->parts() : nullptr;
 }
 
 void BM_FanOut(benchmark::State& state) {
-  if (!StartService()) {
+  TavoBpfService::Parts* service = Service();
+  if (service == nullptr) {
     state.SkipWithError("service socket did not come up");
     return;
   }
   const int clients = static_cast<int>(state.range(0));
+  TavoClient::Options options;
+  options.socketPath = kSocket;
   std::vector<std::unique_ptr<TavoClient>> subscribers;
   std::vector<std::unique_ptr<std::atomic<uint64_t>>> counts;
   for (int i = 0; i < clients; ++i) {
     counts.push_back(std::make_unique<std::atomic<uint64_t>>(0));
-    subscribers.push_back(std::make_unique<TavoClient>(nullptr));
+    subscribers.push_back(std::make_unique<TavoClient>(nullptr, options));
     std::atomic<uint64_t>* count = counts.back().get();
     subscribers.back()->SetRawCallback([count](const char*, size_t) {
       count->fetch_add(1, std::memory_order_relaxed);
@@ -84,10 +73,10 @@ void BM_FanOut(benchmark::State& state) {
   uint64_t expected = 0;
   for (auto _ : state) {
     for (int i = 0; i < kBatch; ++i) {
-      TavoBpfService::handleBpfRingBuffEvent(nullptr, record, sizeof(record));
+      TavoEventDispatcher::handleBpfRingBuffEvent(&service->dispatcher, record, sizeof(record));
     }
     expected += kBatch;
-    const bool all = WaitUntil(
+    const bool all = tavo_bench::WaitUntil(
         [&] {
           for (auto& count : counts) {
             if (count->load(std::memory_order_relaxed) < expected) return false;

@@ -2,23 +2,18 @@
 // reads the same two files per process, the memory handler's record rate,
 // and the registry's memory per tracked task.
 #include <benchmark/benchmark.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <malloc.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <android-base/unique_fd.h>
+
 #include <cstdio>
 #include <cstring>
-#include <mutex>
-#include <vector>
 
-#include "bpf/tavo_bpf_records.h"
+#include "bench/bench_support.h"
 #include "service/tavo_bpf_service.h"
-#include "task/tavo_bpf_task_manager.h"
 
 using namespace Tavo::Bpf;
 
@@ -26,47 +21,41 @@ namespace {
 
 constexpr int kSleepers = 2000;
 
-std::vector<pid_t> StartSleepers(int n) {
-  std::vector<pid_t> pids;
-  for (int i = 0; i < n; ++i) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlive the benchmark
-      for (;;) pause();
-    }
-    if (pid < 0) break;
-    pids.push_back(pid);
-  }
-  return pids;
+// Not started: the start-up scan and the handlers run as the pumps would
+// run them; notices go to a hub without subscribers.
+TavoBpfService::Parts& Service() {
+  static const auto service = TavoBpfService::Create(TavoServiceOptions());
+  return service->parts();
 }
 
-void StopSleepers(const std::vector<pid_t>& pids) {
-  for (pid_t pid : pids) kill(pid, SIGKILL);
-  for (pid_t pid : pids) waitpid(pid, nullptr, 0);
+void ClearRegistry(TavoTaskManager& registry) {
+  for (const TavoTask& task : registry.Snapshot()) registry.DelTavoTask(task.pid);
 }
 
-size_t CountProcesses() {
-  size_t n = 0;
-  DIR* dir = opendir("/proc");
-  if (dir == nullptr) return 0;
-  while (const dirent* e = readdir(dir)) {
-    if (e->d_name[0] >= '0' && e->d_name[0] <= '9') ++n;
-  }
-  closedir(dir);
-  return n;
+// What the normal pump's seeding step runs.
+void InitTaskInfo() {
+  TavoBpfService::Parts& p = Service();
+  p.tracker.initTaskInfo([&p](void* record, unsigned long size) { return p.dispatcher.Dispatch(record, size); },
+                         p.counters);
 }
 
 void ReadWhole(const char* path, char* buf, size_t size) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  android::base::unique_fd fd(open(path, O_RDONLY | O_CLOEXEC));
   if (fd < 0) return;
-  while (read(fd, buf, size) > 0) {
+  while (read(fd.get(), buf, size) > 0) {
   }
-  close(fd);
 }
 
-void ClearRegistry() {
-  std::lock_guard<std::mutex> guard(TavoTaskManager::tavoTaskManagerLock);
-  TavoTaskManager::GetInstance()->Clear();
+// The floor: list /proc, open and read status and stat of every process.
+void ScanFloor() {
+  char buf[4096];
+  char path[300];
+  TavoProcReader().ForEachProcess([&](int32_t, const char* name) {
+    snprintf(path, sizeof(path), "/proc/%s/status", name);
+    ReadWhole(path, buf, sizeof(buf));
+    snprintf(path, sizeof(path), "/proc/%s/stat", name);
+    ReadWhole(path, buf, sizeof(buf));
+  });
 }
 
 void PerThousandProcesses(benchmark::State& state, size_t processes) {
@@ -79,44 +68,26 @@ void PerThousandProcesses(benchmark::State& state, size_t processes) {
 
 }  // namespace
 
-// The floor: list /proc, open and read status and stat of every process.
-void ScanFloor() {
-  char buf[4096];
-  char path[300];
-  DIR* dir = opendir("/proc");
-  if (dir == nullptr) return;
-  while (const dirent* e = readdir(dir)) {
-    if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
-    snprintf(path, sizeof(path), "/proc/%s/status", e->d_name);
-    ReadWhole(path, buf, sizeof(buf));
-    snprintf(path, sizeof(path), "/proc/%s/stat", e->d_name);
-    ReadWhole(path, buf, sizeof(buf));
-  }
-  closedir(dir);
-}
-
 static void BM_ScanFloor(benchmark::State& state) {
   for (auto _ : state) ScanFloor();
-  PerThousandProcesses(state, CountProcesses());
+  PerThousandProcesses(state, tavo_bench::CountProcesses());
 }
 BENCHMARK(BM_ScanFloor)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 
 static void BM_InitTaskInfo(benchmark::State& state) {
-  TavoBpfService* service = TavoBpfService::GetInstance();
   for (auto _ : state) {
     state.PauseTiming();
-    ClearRegistry();
+    ClearRegistry(Service().registry);
     state.ResumeTiming();
-    service->initTaskInfo();
+    InitTaskInfo();
   }
-  PerThousandProcesses(state, CountProcesses());
+  PerThousandProcesses(state, tavo_bench::CountProcesses());
 }
 BENCHMARK(BM_InitTaskInfo)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 
 // The two alternated within each iteration, so that load from other work on
 // the machine falls on both alike; reports scan / floor for wall and CPU time.
 static void BM_ScanOverFloorRatio(benchmark::State& state) {
-  TavoBpfService* service = TavoBpfService::GetInstance();
   double wall[2] = {0, 0}, cpu[2] = {0, 0};
   auto now = [](clockid_t id) {
     timespec ts{};
@@ -125,12 +96,12 @@ static void BM_ScanOverFloorRatio(benchmark::State& state) {
   };
   for (auto _ : state) {
     for (int which = 0; which < 2; ++which) {
-      ClearRegistry();
+      ClearRegistry(Service().registry);
       const double w0 = now(CLOCK_MONOTONIC), c0 = now(CLOCK_PROCESS_CPUTIME_ID);
       if (which == 0) {
         ScanFloor();
       } else {
-        service->initTaskInfo();
+        InitTaskInfo();
       }
       wall[which] += now(CLOCK_MONOTONIC) - w0;
       cpu[which] += now(CLOCK_PROCESS_CPUTIME_ID) - c0;
@@ -144,14 +115,14 @@ BENCHMARK(BM_ScanOverFloorRatio)->Unit(benchmark::kMillisecond)->MinTime(4.0)->U
 // A registered, settled process whose anonymous size keeps moving; about one
 // record in eight crosses the notice step (no subscribers).
 static void BM_RssStatHandler(benchmark::State& state) {
-  TavoBpfService* service = TavoBpfService::GetInstance();
-  ClearRegistry();
+  TavoTaskTracker& tracker = Service().tracker;
+  ClearRegistry(Service().registry);
   tavo_task_init_event init;
   memset(&init, 0, sizeof(init));
   init.pid = 4242;
   init.ppid = 1;
   memcpy(init.comm, "bench_app", 10);
-  service->handleTavoTaskInitEvent(reinterpret_cast<char*>(&init), sizeof(init));
+  tracker.handleTavoTaskInitEvent(reinterpret_cast<char*>(&init), sizeof(init));
   tavo_rss_stat_event rss;
   memset(&rss, 0, sizeof(rss));
   rss.hdr.type = TAVO_EVENT_KMEM_RSS_INFO;
@@ -161,7 +132,7 @@ static void BM_RssStatHandler(benchmark::State& state) {
   int64_t i = 0;
   for (auto _ : state) {
     rss.size = (++i & 0xff) * 4096;
-    benchmark::DoNotOptimize(service->handleKmem_RssStat(reinterpret_cast<char*>(&rss), sizeof(rss)));
+    benchmark::DoNotOptimize(tracker.handleKmem_RssStat(reinterpret_cast<char*>(&rss), sizeof(rss)));
   }
   state.SetItemsProcessed(state.iterations());
 }
@@ -170,33 +141,28 @@ BENCHMARK(BM_RssStatHandler);
 static void BM_RegistryBytesPerTask(benchmark::State& state) {
   constexpr int kTasks = 10000;
   for (auto _ : state) {
-    ClearRegistry();
     malloc_trim(0);
     const size_t before = mallinfo2().uordblks;
-    {
-      std::lock_guard<std::mutex> guard(TavoTaskManager::tavoTaskManagerLock);
-      TavoTask task;
-      for (int pid = 1; pid <= kTasks; ++pid) {
-        task.pid = pid;
-        TavoTaskManager::GetInstance()->AddTavoTask(pid, task);
-      }
+    TavoTaskManager registry;
+    TavoTask task;
+    for (int pid = 1; pid <= kTasks; ++pid) {
+      task.pid = pid;
+      registry.AddTavoTask(pid, task);
     }
     const size_t after = mallinfo2().uordblks;
     state.counters["bytes_per_task"] = static_cast<double>(after - before) / kTasks;
     state.counters["sizeof_TavoTask"] = sizeof(TavoTask);
   }
-  ClearRegistry();
 }
 BENCHMARK(BM_RegistryBytesPerTask)->Iterations(1);
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  const std::vector<pid_t> sleepers = StartSleepers(kSleepers);
+  const tavo_bench::SleepingChildren sleepers(kSleepers);
   fprintf(stderr, "started %zu sleeping children; %zu processes under /proc\n", sleepers.size(),
-          CountProcesses());
+          tavo_bench::CountProcesses());
   benchmark::RunSpecifiedBenchmarks();
-  StopSleepers(sleepers);
   benchmark::Shutdown();
   return 0;
 }

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -42,8 +43,9 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: tavo_bench_subscriber OUT_FILE\n");
     return 2;
   }
-  FILE* out = fopen(argv[1], "we");
-  if (!out) return 1;
+  std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(argv[1], "we"), fclose);
+  if (!file) return 1;
+  FILE* out = file.get();
   sigset_t stop;
   sigemptyset(&stop);
   sigaddset(&stop, SIGINT);

@@ -25,10 +25,15 @@ inline std::string BesideExecutable(const std::string& relative) {
 class PumpObject {
  public:
   // Pins ringbuf_map and ringbuf_status as <dir>/map_<object>_..., and the
-  // producer as <dir>/prog_<object>_tracepoint_emit.
-  PumpObject(const std::string& dir, const std::string& object) : dir_(dir), object_(object) {
-    obj_.reset(bpf_object__open_file(BesideExecutable("bpf/tavo_pump_test.bpf.o").c_str(), nullptr));
-    if (!obj_ || bpf_object__load(obj_.get()) != 0) return;
+  // producer as <dir>/prog_<object>_tracepoint_emit. ringBytes 0 keeps the
+  // object's ring size.
+  PumpObject(const std::string& dir, const std::string& object,
+             const std::string& path = BesideExecutable("bpf/tavo_pump_test.bpf.o"), uint32_t ringBytes = 0)
+      : dir_(dir), object_(object) {
+    obj_.reset(bpf_object__open_file(path.c_str(), nullptr));
+    if (!obj_) return;
+    if (ringBytes != 0) bpf_map__set_max_entries(Map(Tavo::Bpf::kRingbufMap), ringBytes);
+    if (bpf_object__load(obj_.get()) != 0) return;
     for (const char* map : {Tavo::Bpf::kRingbufMap, Tavo::Bpf::kRingbufStatusMap}) {
       if (bpf_map__pin(bpf_object__find_map_by_name(obj_.get(), map),
                        Tavo::Bpf::PinnedMapPath(dir, object, map).c_str()) != 0) return;
@@ -44,6 +49,8 @@ class PumpObject {
   }
 
   bool ok() const { return ok_; }
+  bpf_object* get() const { return obj_.get(); }
+  int RingFd() { return bpf_map__fd(Map(Tavo::Bpf::kRingbufMap)); }
   // From now on each getppid() of tgid writes one record of this type.
   void Produce(uint32_t type, int32_t tgid) {
     const uint32_t config[2] = {type, static_cast<uint32_t>(tgid)};
@@ -64,7 +71,7 @@ class PumpObject {
   struct Closer {
     void operator()(bpf_object* obj) const { bpf_object__close(obj); }
   };
-  bpf_map* Map(const char* name) { return bpf_object__find_map_by_name(obj_.get(), name); }
+  bpf_map* Map(const char* name) const { return bpf_object__find_map_by_name(obj_.get(), name); }
 
   std::string dir_, object_;
   std::unique_ptr<bpf_object, Closer> obj_;
