@@ -6,9 +6,21 @@
 // std::condition_variable_any.
 #pragma once
 
+// The header has an unused parameter that -Werror would stop GCC on.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wunused-parameter"
 #include <android-base/thread_annotations.h>
+#pragma GCC diagnostic pop
 
 #include <mutex>
+
+// Only clang reads these annotations. GCC would parse the arguments of
+// attributes it does not know as plain names and reject `c.lock_`, so there
+// they expand to nothing.
+#if !defined(__clang__)
+#undef THREAD_ANNOTATION_ATTRIBUTE__
+#define THREAD_ANNOTATION_ATTRIBUTE__(x)
+#endif
 
 namespace Tavo {
 
