@@ -57,8 +57,10 @@ class TAVO_EXPORT UnixIpcManager {
   UnixIpcManager(const UnixIpcManager&) = delete;
   UnixIpcManager& operator=(const UnixIpcManager&) = delete;
 
-  // Run on the loop thread when it starts; connect() retries every 5 s
-  // until the server is there or the manager stops.
+  // Run on the loop thread when it starts (and again after a lost server or
+  // connection); connect() retries every 5 s until the server is there or
+  // the manager stops. A subclass that overrides them calls join() in its
+  // own destructor, so the loop never calls into a half-destroyed object.
   virtual bool createServer();
   virtual bool connect();
   virtual void start();

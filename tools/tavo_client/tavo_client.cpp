@@ -56,6 +56,9 @@ class TavoClient::Ipc : public UnixIpcManager {
  public:
   Ipc(TavoClient* owner, IpcHandlerState handlers)
       : UnixIpcManager(SocketOptions(owner->options_, std::move(handlers))), owner_(owner) {}
+  // The loop calls connect() on a lost connection: it must end before this
+  // part of the object does.
+  ~Ipc() override { join(); }
 
   bool connect() override {
     if (!UnixIpcManager::connect()) return false;
