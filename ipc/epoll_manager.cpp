@@ -7,7 +7,6 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "util/tavo_log.h"
@@ -16,8 +15,7 @@ namespace {
 
 constexpr const char* kDefaultName = "BpfUtils";
 
-// The calling thread's affinity; an empty set when it cannot be read (the
-// full constructor turns that into CPU 0).
+// The calling thread's affinity; an empty set when it cannot be read.
 cpu_set_t CurrentAffinity(const char* tag) {
   cpu_set_t set;
   CPU_ZERO(&set);
@@ -29,140 +27,145 @@ cpu_set_t CurrentAffinity(const char* tag) {
   return set;
 }
 
+EpollOptions MakeOptions(int size, int maxEvents, std::function<int()> startCallback,
+                         const char* name, std::optional<cpu_set_t> cpus, int timeoutMs) {
+  EpollOptions options;
+  options.size = size;
+  options.maxEvents = maxEvents;
+  options.startCallback = std::move(startCallback);
+  options.name = name != nullptr ? name : kDefaultName;
+  options.cpus = cpus;
+  options.timeoutMs = timeoutMs;
+  return options;
+}
+
 }  // namespace
 
-EpollManager::EpollManager(int size, int maxEvents, std::function<int()> startCallback,
-                           const char* name, cpu_set_t cpus, int timeoutMs)
-    : name(kDefaultName),
-      maxEvents(maxEvents),
-      timeoutMs(timeoutMs),
-      startCallback(std::move(startCallback)),
-      cpus(cpus),
-      nameStorage(name != nullptr ? name : kDefaultName) {
-  // Owned copy: callers may pass a temporary.
-  this->name = nameStorage.c_str();
-  if (CPU_COUNT(&this->cpus) == 0) {
-    TAVO_LOGE(this->name, "[EpollManager] cpu affinity invalid!");
-    CPU_SET(0, &this->cpus);
+EpollManager::EpollManager(EpollOptions options)
+    : name_(std::move(options.name)),
+      timeoutMs_(options.timeoutMs),
+      startCallback_(std::move(options.startCallback)),
+      cpus_(options.cpus ? *options.cpus : CurrentAffinity(name_.c_str())) {
+  const char* tag = name_.c_str();
+  if (CPU_COUNT(&cpus_) == 0) {
+    TAVO_LOGE(tag, "[EpollManager] cpu affinity invalid!");
+    CPU_SET(0, &cpus_);
   }
-  epollFd = epoll_create(size);
-  if (epollFd < 0) {
-    TAVO_LOGE(this->name, "[EpollManager] Create epoll failed: %d, message: %s", errno,
-              strerror(errno));
+  epollFd_.reset(epoll_create(options.size));
+  if (epollFd_ < 0) {
+    TAVO_LOGE(tag, "[EpollManager] Create epoll failed: %d, message: %s", errno, strerror(errno));
   }
-  if (maxEvents > 0) {
-    events = static_cast<epoll_event*>(malloc(sizeof(epoll_event) * static_cast<size_t>(maxEvents)));
+  if (options.maxEvents > 0) {
+    events_.resize(static_cast<size_t>(options.maxEvents));
+  } else {
+    TAVO_LOGE(tag, "[EpollManager] Allocate event queue failed: %d, message: %s", EINVAL,
+              strerror(EINVAL));
   }
-  if (events == nullptr) {
-    if (errno == 0 || maxEvents <= 0) errno = EINVAL;
-    TAVO_LOGE(this->name, "[EpollManager] Allocate event queue failed: %d, message: %s", errno,
-              strerror(errno));
-  }
-  controlFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  if (controlFd < 0) {
-    TAVO_LOGE(this->name, "[EpollManager] Allocate control fd failed: %d, message: %s", errno,
+  controlFd_.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  if (controlFd_ < 0) {
+    TAVO_LOGE(tag, "[EpollManager] Allocate control fd failed: %d, message: %s", errno,
               strerror(errno));
   }
   epoll_event control{};
   control.events = EPOLLIN;
-  control.data.fd = controlFd;
-  if (epoll_ctl(epollFd, EPOLL_CTL_ADD, controlFd, &control) != 0) {
-    TAVO_LOGE(this->name, "[EpollManager] Setup control fd failed: %d, message: %s", errno,
+  control.data.fd = controlFd_.get();
+  if (epoll_ctl(epollFd_.get(), EPOLL_CTL_ADD, controlFd_.get(), &control) != 0) {
+    TAVO_LOGE(tag, "[EpollManager] Setup control fd failed: %d, message: %s", errno,
               strerror(errno));
   }
 }
 
 EpollManager::EpollManager(int size, int maxEvents, std::function<int()> startCallback,
+                           const char* name, cpu_set_t cpus, int timeoutMs)
+    : EpollManager(MakeOptions(size, maxEvents, std::move(startCallback), name, cpus, timeoutMs)) {}
+
+EpollManager::EpollManager(int size, int maxEvents, std::function<int()> startCallback,
                            const char* name, int timeoutMs)
-    : EpollManager(size, maxEvents, std::move(startCallback), name,
-                   CurrentAffinity(name != nullptr ? name : kDefaultName), timeoutMs) {}
+    : EpollManager(
+          MakeOptions(size, maxEvents, std::move(startCallback), name, std::nullopt, timeoutMs)) {}
 
 EpollManager::EpollManager(int size, int maxEvents, std::function<int()> startCallback,
                            int timeoutMs)
-    : EpollManager(size, maxEvents, std::move(startCallback), kDefaultName,
-                   CurrentAffinity(kDefaultName), timeoutMs) {}
+    : EpollManager(MakeOptions(size, maxEvents, std::move(startCallback), nullptr, std::nullopt,
+                               timeoutMs)) {}
 
-EpollManager::~EpollManager() {
-  join();
-  free(events);
-  events = nullptr;
-  if (epollFd >= 0) close(epollFd);
-  if (controlFd >= 0) close(controlFd);
-  epollFd = -1;
-  controlFd = -1;
-  callbacks.clear();
-  startCallback = nullptr;
-}
+EpollManager::~EpollManager() { join(); }
 
 void EpollManager::start() {
-  TAVO_LOGI(name, "[EpollManager] main thread starting...");
-  std::lock_guard<std::mutex> guard(lock);
-  if (loopThread.joinable()) return;  // one loop thread per manager
-  running = true;
-  loopThread = std::thread(&EpollManager::mainThread, this);
+  TAVO_LOGI(name_.c_str(), "[EpollManager] main thread starting...");
+  Tavo::MutexLock guard(lock_);
+  if (loopThread_.joinable()) return;  // one loop thread per manager
+  running_ = true;
+  loopThread_ = std::thread(&EpollManager::mainThread, this);
 }
 
 void EpollManager::stop() {
-  std::lock_guard<std::mutex> guard(lock);
-  running = false;
-  if (controlFd >= 0) eventfd_write(controlFd, 1);
+  Tavo::MutexLock guard(lock_);
+  running_ = false;
+  if (controlFd_ >= 0) eventfd_write(controlFd_.get(), 1);
 }
 
 void EpollManager::join() {
   stop();
-  // A manager that never started has no thread to join.
-  if (loopThread.joinable() && loopThread.get_id() != std::this_thread::get_id()) loopThread.join();
+  std::thread loop;
+  {
+    Tavo::MutexLock guard(lock_);
+    if (loopThread_.joinable() && loopThread_.get_id() != std::this_thread::get_id()) {
+      loop = std::move(loopThread_);
+    }
+  }
+  // Joined without the lock: the loop's callbacks take it.
+  if (loop.joinable()) loop.join();
 }
 
 bool EpollManager::waitStopRequest(int timeoutMs) {
-  if (controlFd < 0) {
+  if (controlFd_ < 0) {
     poll(nullptr, 0, timeoutMs);
-    return !running;
+    return !running_;
   }
-  pollfd control{controlFd, POLLIN, 0};
   // The control counter is left as it is: the loop reads it to end.
-  const int ready = poll(&control, 1, timeoutMs);
-  return ready > 0;
+  pollfd control{controlFd_.get(), POLLIN, 0};
+  return poll(&control, 1, timeoutMs) > 0;
 }
 
 bool EpollManager::addMonitorFd(int fd, EpollCallback record) {
   uint32_t mask = 0;
   if (record.readable) mask |= EPOLLIN;
   if (record.close) mask |= EPOLLRDHUP | EPOLLHUP;
-  std::lock_guard<std::mutex> guard(lock);
+  Tavo::MutexLock guard(lock_);
   epoll_event event{};
   event.events = mask;
   event.data.fd = fd;
-  if (epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &event) != 0) {
-    TAVO_LOGE(name, "[EpollManager] Epoll add monitor fd failed: %d, message: %s", errno,
+  if (epoll_ctl(epollFd_.get(), EPOLL_CTL_ADD, fd, &event) != 0) {
+    TAVO_LOGE(name_.c_str(), "[EpollManager] Epoll add monitor fd failed: %d, message: %s", errno,
               strerror(errno));
     return false;
   }
   record.events = mask;
   record.writeAgain = false;
-  callbacks[fd] = std::move(record);
+  callbacks_[fd] = std::move(record);
   return true;
 }
 
 bool EpollManager::delMonitorFd(int fd) {
-  std::lock_guard<std::mutex> guard(lock);
-  if (epoll_ctl(epollFd, EPOLL_CTL_DEL, fd, nullptr) != 0) {
-    TAVO_LOGE(name, "[EpollManager] Epoll del fd from epoll failed: %d, message: %s", errno,
-              strerror(errno));
+  Tavo::MutexLock guard(lock_);
+  if (epoll_ctl(epollFd_.get(), EPOLL_CTL_DEL, fd, nullptr) != 0) {
+    TAVO_LOGE(name_.c_str(), "[EpollManager] Epoll del fd from epoll failed: %d, message: %s",
+              errno, strerror(errno));
     return false;
   }
-  callbacks.erase(fd);
+  callbacks_.erase(fd);
   return true;
 }
 
-// Caller holds the mutex.
 bool EpollManager::modifyWriteInterest(int fd, bool on) {
-  auto it = callbacks.find(fd);
-  if (it == callbacks.end()) {
+  const char* tag = name_.c_str();
+  auto it = callbacks_.find(fd);
+  if (it == callbacks_.end()) {
     if (on) {
-      TAVO_LOGE(name, "[EpollManager][notifyWriteEventReady] the socket fd does not exist");
+      TAVO_LOGE(tag, "[EpollManager][notifyWriteEventReady] the socket fd does not exist");
     } else {
-      TAVO_LOGE(name, "[EpollManager][markWriteEventFinish] the socket fd does not exist");
+      TAVO_LOGE(tag, "[EpollManager][markWriteEventFinish] the socket fd does not exist");
     }
     return false;
   }
@@ -178,11 +181,11 @@ bool EpollManager::modifyWriteInterest(int fd, bool on) {
   epoll_event event{};
   event.events = mask;
   event.data.fd = fd;
-  if (epoll_ctl(epollFd, EPOLL_CTL_MOD, fd, &event) != 0) {
+  if (epoll_ctl(epollFd_.get(), EPOLL_CTL_MOD, fd, &event) != 0) {
     if (on) {
-      TAVO_LOGE(name, "[EpollManager][notifyWriteEventReady] Epoll mod monitor failed, fd: %d, message: %s", fd, strerror(errno));
+      TAVO_LOGE(tag, "[EpollManager][notifyWriteEventReady] Epoll mod monitor failed, fd: %d, message: %s", fd, strerror(errno));
     } else {
-      TAVO_LOGE(name, "[EpollManager][markWriteEventFinish] Epoll mod monitor failed, fd: %d, message: %s", fd, strerror(errno));
+      TAVO_LOGE(tag, "[EpollManager][markWriteEventFinish] Epoll mod monitor failed, fd: %d, message: %s", fd, strerror(errno));
     }
     return false;
   }
@@ -192,21 +195,21 @@ bool EpollManager::modifyWriteInterest(int fd, bool on) {
 }
 
 bool EpollManager::notifyWriteEventReady(int fd) {
-  std::lock_guard<std::mutex> guard(lock);
+  Tavo::MutexLock guard(lock_);
   return modifyWriteInterest(fd, true);
 }
 
 bool EpollManager::markWriteEventFinish(int fd) {
-  std::lock_guard<std::mutex> guard(lock);
+  Tavo::MutexLock guard(lock_);
   return modifyWriteInterest(fd, false);
 }
 
 // The writer said it is done; keep write readiness on if someone asked for
 // it again while the writer ran.
 bool EpollManager::finishWriteUnlessRequested(int fd) {
-  std::lock_guard<std::mutex> guard(lock);
-  auto it = callbacks.find(fd);
-  if (it != callbacks.end() && it->second.writeAgain && (it->second.events & EPOLLOUT)) {
+  Tavo::MutexLock guard(lock_);
+  auto it = callbacks_.find(fd);
+  if (it != callbacks_.end() && it->second.writeAgain && (it->second.events & EPOLLOUT)) {
     it->second.writeAgain = false;
     return true;
   }
@@ -216,10 +219,10 @@ bool EpollManager::finishWriteUnlessRequested(int fd) {
 bool EpollManager::writeEventNow(int fd) {
   EpollEventCallback writable;
   {
-    std::lock_guard<std::mutex> guard(lock);
-    auto it = callbacks.find(fd);
-    if (it == callbacks.end()) {
-      TAVO_LOGE(name, "[EpollManager][notifyWriteEventReady] the socket fd does not exist");
+    Tavo::MutexLock guard(lock_);
+    auto it = callbacks_.find(fd);
+    if (it == callbacks_.end()) {
+      TAVO_LOGE(name_.c_str(), "[EpollManager][notifyWriteEventReady] the socket fd does not exist");
       return false;
     }
     writable = it->second.writable;
@@ -230,8 +233,8 @@ bool EpollManager::writeEventNow(int fd) {
   event.data.fd = fd;
   for (;;) {
     const int result = writable(event);
-    if (result == -1) return false;
-    if (result == -3) return true;
+    if (result == kIpcCallbackFailed) return false;
+    if (result == kIpcCallbackPeerClosed) return true;
   }
 }
 
@@ -242,11 +245,11 @@ void EpollManager::handleEvent(const epoll_event& event) {
   EpollEventCallback writable;
   EpollEventCallback closed;
   {
-    // Copied out: the callbacks themselves take this mutex (notify, mark,
+    // Copied out: the callbacks themselves take this lock (notify, mark,
     // delete), and other threads may change the map meanwhile.
-    std::lock_guard<std::mutex> guard(lock);
-    auto it = callbacks.find(fd);
-    if (it == callbacks.end()) return;  // unregistered in an earlier callback
+    Tavo::MutexLock guard(lock_);
+    auto it = callbacks_.find(fd);
+    if (it == callbacks_.end()) return;  // unregistered in an earlier callback
     if (mask & (EPOLLHUP | EPOLLRDHUP)) closed = it->second.close;
     if (mask & EPOLLIN) readable = it->second.readable;
     if (mask & EPOLLOUT) {
@@ -260,47 +263,50 @@ void EpollManager::handleEvent(const epoll_event& event) {
   }
   if (readable) {
     const int result = readable(event);
-    if (result == -3 || result == -2 || result == -1 || result == 1) return;
+    if (result == kIpcCallbackPeerClosed || result == kIpcCallbackClosed ||
+        result == kIpcCallbackFailed || result == kIpcCallbackSkipWrite) {
+      return;
+    }
   }
   if (writable) {
     const int result = writable(event);
-    if (result == -1 || result == -3) {
-      if (!finishWriteUnlessRequested(fd)) {
-        TAVO_LOGE(name, "[EpollManager][mainThread] mark write event finish failed!");
-      }
+    if ((result == kIpcCallbackFailed || result == kIpcCallbackPeerClosed) &&
+        !finishWriteUnlessRequested(fd)) {
+      TAVO_LOGE(name_.c_str(), "[EpollManager][mainThread] mark write event finish failed!");
     }
   }
 }
 
 void EpollManager::mainThread() {
+  const char* tag = name_.c_str();
   signal(SIGPIPE, SIG_IGN);
   signal(SIGQUIT, SIG_IGN);
-  prctl(PR_SET_NAME, name, 0, 0, 0);
-  if (sched_setaffinity(gettid(), sizeof(cpus), &cpus) != 0) {
-    TAVO_LOGE(name, "[EpollManager][mainThread] init epoll manager thread affinity failed! %s",
+  prctl(PR_SET_NAME, tag, 0, 0, 0);
+  if (sched_setaffinity(gettid(), sizeof(cpus_), &cpus_) != 0) {
+    TAVO_LOGE(tag, "[EpollManager][mainThread] init epoll manager thread affinity failed! %s",
               strerror(errno));
   }
-  if (startCallback) startCallback();
-  while (running) {
-    const int count = epoll_wait(epollFd, events, maxEvents, timeoutMs);
-    eventCount = count;
+  if (startCallback_) startCallback_();
+  while (running_) {
+    const int count = epoll_wait(epollFd_.get(), events_.data(), static_cast<int>(events_.size()),
+                                 timeoutMs_);
     if (count < 1) {
       // A broken epoll set or event array would fail at once for ever;
       // leave rather than spin.
       if (count < 0 && errno != EINTR) {
-        TAVO_LOGE(name, "[EpollManager][mainThread] epoll wait failed: %d, message: %s", errno,
+        TAVO_LOGE(tag, "[EpollManager][mainThread] epoll wait failed: %d, message: %s", errno,
                   strerror(errno));
         return;
       }
       continue;
     }
     for (int i = 0; i < count; ++i) {
-      if (events[i].data.fd == controlFd) {
+      if (events_[i].data.fd == controlFd_.get()) {
         eventfd_t value = 0;
-        eventfd_read(controlFd, &value);
+        eventfd_read(controlFd_.get(), &value);
         return;
       }
-      handleEvent(events[i]);
+      handleEvent(events_[i]);
     }
   }
 }

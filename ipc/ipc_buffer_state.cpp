@@ -4,14 +4,11 @@
 
 bool CheckIpcPackageComplete(BufferState* buffer, int64_t& headerLength, int64_t& bodyLength) {
   headerLength = kIpcFrameHeaderSize;
-  if (buffer->cursor + kIpcFrameHeaderSize > buffer->length) return false;
+  if (buffer->length - buffer->cursor < kIpcFrameHeaderSize) return false;
   memcpy(&bodyLength, buffer->data + buffer->cursor, sizeof(bodyLength));
-  // A negative length can never describe a frame; report it incomplete so
-  // the cursor never moves backwards.
-  if (bodyLength < 0) return false;
-  // Compared against the bytes present so a huge length word cannot
-  // overflow the sum.
-  return bodyLength <= buffer->length - buffer->cursor - kIpcFrameHeaderSize;
+  // Negative lengths would move the cursor backwards; comparing against the
+  // bytes present keeps a huge length word from overflowing the sum.
+  return bodyLength >= 0 && bodyLength <= buffer->length - buffer->cursor - kIpcFrameHeaderSize;
 }
 
 void SaveUnuseBuffer(BufferState* buffer) {

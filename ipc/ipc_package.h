@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "util/tavo_export.h"
 
@@ -30,10 +31,10 @@ struct TAVO_EXPORT TavoRespIpcPackage {
   char* data;  // owned by the caller
 };
 
-// One entry of a send queue: L payload bytes in a malloc'd block.
+// One entry of a send queue: L payload bytes in a block the entry owns.
 struct TavoIpcPackage {
   uint64_t length;
-  char* data;
+  std::unique_ptr<char[]> data;
 };
 
 static_assert(sizeof(TavoReqIpcPackage) == 48, "request record");

@@ -1,6 +1,7 @@
 #include "ipc/ipc_package_handler.h"
 
-#include <cstring>
+#include "ipc/ipc_callback_result.h"
+#include "ipc/ipc_frame.h"
 
 namespace {
 // Unknown codes leave an empty entry behind; past this many entries they are
@@ -9,37 +10,25 @@ constexpr size_t kMaxHandlerEntries = 256;
 }  // namespace
 
 IpcPackageHandler::IpcPackageHandler(const std::map<uint32_t, IpcCommandHandler>& handlers)
-    : handlers(handlers) {}
+    : handlers_(handlers) {}
 
 bool IpcPackageHandler::handleAllIpcPackageInBuffer(int fd, BufferState* receive,
                                                     BufferState* send) {
-  while (receive->cursor < receive->length) {
-    int64_t headerLength = 0;
-    int64_t bodyLength = 0;
-    if (!CheckIpcPackageComplete(receive, headerLength, bodyLength)) return true;
-    const int result = handleSecondIpcPackage(fd, receive->data + receive->cursor + headerLength,
-                                              static_cast<long>(bodyLength), send);
-    if (result == -1) return false;
-    receive->cursor += headerLength + bodyLength;
-  }
-  return true;
+  return ForEachIpcFrame(receive, [&](const IpcFrame& frame) {
+    return handleSecondIpcPackage(fd, frame.payload, static_cast<long>(frame.bodyLength), send) !=
+           kIpcCallbackFailed;
+  });
 }
 
 int IpcPackageHandler::handleSecondIpcPackage(int fd, char* payload, long length,
                                               BufferState* send) {
-  // A payload too short for the command header carries no package.
-  if (length < kIpcCommandHeaderSize) return 0;
-  uint32_t command = 0;
-  uint32_t dataLength = 0;
-  memcpy(&command, payload, sizeof(command));
-  memcpy(&dataLength, payload + 4, sizeof(dataLength));
-  auto it = handlers.find(command);
-  if (it == handlers.end()) {
-    if (handlers.size() < kMaxHandlerEntries) handlers.emplace(command, IpcCommandHandler());
-    return 0;
+  IpcCommand command;
+  if (!ParseIpcCommand(payload, length, &command)) return kIpcCallbackOk;
+  auto it = handlers_.find(command.code);
+  if (it == handlers_.end()) {
+    if (handlers_.size() < kMaxHandlerEntries) handlers_.emplace(command.code, IpcCommandHandler());
+    return kIpcCallbackOk;
   }
-  if (!it->second) return 0;
-  // Never hand on more data than the frame holds.
-  if (static_cast<int64_t>(dataLength) > length - kIpcCommandHeaderSize) return 0;
-  return it->second(fd, payload + kIpcCommandHeaderSize, static_cast<int64_t>(dataLength), send);
+  if (!it->second || !command.dataFits()) return kIpcCallbackOk;
+  return it->second(fd, command.data, command.dataLength, send);
 }

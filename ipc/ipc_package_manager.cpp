@@ -1,52 +1,34 @@
 #include "ipc/ipc_package_manager.h"
 
-#include <time.h>
-
 #include <chrono>
-#include <cstdlib>
+#include <cstddef>
 #include <cstring>
+#include <new>
 
 #include "util/tavo_log.h"
 
 namespace {
 
 constexpr const char* kTag = "BpfUtils";
-constexpr int64_t kDropWarningIntervalSec = 10;
 
-int64_t MonotonicSeconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-  return ts.tv_sec;
-}
-
-// A block holding a command header followed by the given parts.
-char* BuildCommandBlock(uint32_t command, uint32_t innerLength, const void* fixed, size_t fixedLen,
-                        const char* data, size_t dataLen) {
-  auto* block = static_cast<char*>(malloc(kIpcCommandHeaderSize + fixedLen + dataLen));
-  if (block == nullptr) return nullptr;
-  memcpy(block, &command, 4);
-  memcpy(block + 4, &innerLength, 4);
-  if (fixedLen > 0) memcpy(block + kIpcCommandHeaderSize, fixed, fixedLen);
-  if (dataLen > 0) memcpy(block + kIpcCommandHeaderSize + fixedLen, data, dataLen);
-  return block;
+// A failed allocation refuses the package instead of ending the process.
+std::unique_ptr<char[]> NewBlock(uint64_t length) {
+  return std::unique_ptr<char[]>(new (std::nothrow) char[length > 0 ? length : 1]);
 }
 
 }  // namespace
 
 IpcPackageManager::IpcPackageManager() = default;
 
-IpcPackageManager::~IpcPackageManager() {
-  for (auto& package : queue) free(package.data);
-}
+IpcPackageManager::~IpcPackageManager() = default;
 
-bool IpcPackageManager::refuse(std::unique_lock<std::mutex>& guard) {
-  ++droppedCount;
-  const int64_t now = MonotonicSeconds();
-  const bool warn = now - lastDropWarning >= kDropWarningIntervalSec;
-  if (warn) lastDropWarning = now;
-  const uint64_t dropped = droppedCount;
-  guard.unlock();
-  if (warn) {
+bool IpcPackageManager::refuse() {
+  uint64_t dropped;
+  {
+    Tavo::MutexLock guard(lock_);
+    dropped = ++droppedCount_;
+  }
+  if (dropWarnings_.admit()) {
     TAVO_LOGW(kTag, "[IpcPackageManager] queue full (%llu bytes), %llu packages refused so far",
               static_cast<unsigned long long>(kMaxQueuedBytes),
               static_cast<unsigned long long>(dropped));
@@ -54,115 +36,113 @@ bool IpcPackageManager::refuse(std::unique_lock<std::mutex>& guard) {
   return false;
 }
 
-bool IpcPackageManager::append(char* block, uint64_t length) {
+bool IpcPackageManager::append(std::unique_ptr<char[]> block, uint64_t length) {
   if (block == nullptr) return false;
-  std::unique_lock<std::mutex> guard(queueLock);
-  if (length > kMaxQueuedBytes - queuedBytes) {
-    free(block);
-    return refuse(guard);
+  bool queued = false;
+  bool wake = false;
+  {
+    Tavo::MutexLock guard(lock_);
+    if (length <= kMaxQueuedBytes - queuedBytes_) {
+      queue_.push_back(TavoIpcPackage{length, std::move(block)});
+      queuedBytes_ += length;
+      count_.store(queue_.size(), std::memory_order_relaxed);
+      queued = true;
+      wake = waiters_ > 0;
+    }
   }
-  queue.push_back(TavoIpcPackage{length, block});
-  queuedBytes += length;
-  count.store(queue.size(), std::memory_order_relaxed);
-  guard.unlock();
-  cond.notify_all();
-  return true;
+  if (wake) wakeUp_.notify_all();
+  return queued || refuse();
 }
 
-// Refuses a payload that could never be queued before copying it, which
-// also keeps the size sums below from wrapping.
-bool IpcPackageManager::tooLarge() {
-  std::unique_lock<std::mutex> guard(queueLock);
-  return refuse(guard);
+// The parts are each checked against the bound before they are summed, so
+// the sum cannot wrap and nothing is copied for a package that could never
+// be queued.
+bool IpcPackageManager::appendCommand(uint32_t command, std::initializer_list<IpcBytes> parts) {
+  uint64_t length = kIpcCommandHeaderSize;
+  for (const IpcBytes& part : parts) {
+    if (part.size > kMaxQueuedBytes) return refuse();
+    length += part.size;
+  }
+  if (length > kMaxQueuedBytes) return refuse();
+  auto block = NewBlock(length);
+  if (block == nullptr) return false;
+  PutIpcCommand(block.get(), command, parts);
+  return append(std::move(block), length);
 }
 
 bool IpcPackageManager::buildAndAppendSecondIpcPackage(uint32_t command, const char* data,
                                                        uint64_t length) {
   if (command > IPC_COMMAND_MAX) return false;
-  if (length > kMaxQueuedBytes) return tooLarge();
-  const auto inner = static_cast<uint32_t>(length);
-  return append(BuildCommandBlock(command, inner, nullptr, 0, data, length),
-                length + kIpcCommandHeaderSize);
+  return appendCommand(command, {{data, length}});
 }
 
 bool IpcPackageManager::buildAndAppendIpcPackage(const char* payload, uint64_t length) {
-  if (length > kMaxQueuedBytes) return tooLarge();
-  auto* block = static_cast<char*>(malloc(length > 0 ? length : 1));
+  if (length > kMaxQueuedBytes) return refuse();
+  auto block = NewBlock(length);
   if (block == nullptr) return false;
-  if (length > 0) memcpy(block, payload, length);
-  return append(block, length);
+  if (length > 0) memcpy(block.get(), payload, length);
+  return append(std::move(block), length);
 }
 
+// The request's 40-byte fixed part (header, word, dataLength) goes on the
+// stream as it stands, then its data.
 bool IpcPackageManager::appendReqIpcPackage(TavoReqIpcPackage* request) {
-  constexpr size_t kFixed = 40;
-  const uint64_t dataLen = request->dataLength;
-  if (dataLen > kMaxQueuedBytes) return tooLarge();
-  return append(BuildCommandBlock(IPC_COMMAND_REQUEST, static_cast<uint32_t>(dataLen + kFixed),
-                                  request, kFixed, request->data, dataLen),
-                dataLen + kFixed + kIpcCommandHeaderSize);
+  constexpr size_t kFixed = offsetof(TavoReqIpcPackage, data);
+  return appendCommand(IPC_COMMAND_REQUEST,
+                       {{request, kFixed}, {request->data, request->dataLength}});
 }
 
+// The whole 24-byte response record, its data pointer included, then its data.
 bool IpcPackageManager::appendRespIpcPackage(TavoRespIpcPackage* response) {
-  constexpr size_t kFixed = sizeof(TavoRespIpcPackage);
-  const uint64_t dataLen = response->dataLength;
-  if (dataLen > kMaxQueuedBytes) return tooLarge();
-  return append(BuildCommandBlock(IPC_COMMAND_RESPONSE, static_cast<uint32_t>(dataLen + kFixed),
-                                  response, kFixed, response->data, dataLen),
-                dataLen + kFixed + kIpcCommandHeaderSize);
+  return appendCommand(IPC_COMMAND_RESPONSE,
+                       {{response, sizeof(*response)}, {response->data, response->dataLength}});
 }
 
 bool IpcPackageManager::writeHead(BufferState* buffer, bool strict) {
-  const TavoIpcPackage& head = queue.front();
-  const int64_t needed = static_cast<int64_t>(head.length) + kIpcFrameHeaderSize;
-  const int64_t room = buffer->capacity - buffer->length;
-  if (strict ? !(needed < room) : !(needed <= room)) return false;
-  const auto frameLength = static_cast<int64_t>(head.length);
-  memcpy(buffer->data + buffer->length, &frameLength, sizeof(frameLength));
-  buffer->length += kIpcFrameHeaderSize;
-  if (head.length > 0) memcpy(buffer->data + buffer->length, head.data, head.length);
-  buffer->length += static_cast<int64_t>(head.length);
-  queuedBytes -= head.length;
-  free(head.data);
-  queue.pop_front();
-  count.store(queue.size(), std::memory_order_relaxed);
+  TavoIpcPackage& head = queue_.front();
+  if (!AppendIpcFrame(buffer, {{head.data.get(), head.length}}, strict)) return false;
+  queuedBytes_ -= head.length;
+  queue_.pop_front();
+  count_.store(queue_.size(), std::memory_order_relaxed);
   return true;
 }
 
 bool IpcPackageManager::fillNextIpcPackageToBuffer(BufferState* buffer) {
-  std::lock_guard<std::mutex> guard(queueLock);
-  if (queue.empty()) return false;
-  return writeHead(buffer, true);
+  Tavo::MutexLock guard(lock_);
+  return !queue_.empty() && writeHead(buffer, true);
 }
 
 bool IpcPackageManager::fillIpcPackageToBuffer(BufferState* buffer) {
-  std::lock_guard<std::mutex> guard(queueLock);
-  if (queue.empty()) return false;
-  while (!queue.empty() && writeHead(buffer, false)) {
+  Tavo::MutexLock guard(lock_);
+  if (queue_.empty()) return false;
+  while (!queue_.empty() && writeHead(buffer, false)) {
   }
   return true;
 }
 
 void IpcPackageManager::waitEventReady(int milliseconds) {
-  if (count.load(std::memory_order_relaxed) > 0) return;
-  std::unique_lock<std::mutex> guard(queueLock);
+  if (count_.load(std::memory_order_relaxed) > 0) return;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-  while (queue.empty() && std::chrono::steady_clock::now() < deadline) {
-    cond.wait_until(guard, deadline);
+  Tavo::MutexLock guard(lock_);
+  ++waiters_;
+  while (queue_.empty() && std::chrono::steady_clock::now() < deadline) {
+    wakeUp_.wait_until(lock_, deadline);
   }
+  --waiters_;
 }
 
-void IpcPackageManager::notifyEventReady() { cond.notify_all(); }
+void IpcPackageManager::notifyEventReady() { wakeUp_.notify_all(); }
 
 size_t IpcPackageManager::getIpcPackageCount() const {
-  return count.load(std::memory_order_relaxed);
+  return count_.load(std::memory_order_relaxed);
 }
 
 uint64_t IpcPackageManager::getDroppedCount() const {
-  std::lock_guard<std::mutex> guard(queueLock);
-  return droppedCount;
+  Tavo::MutexLock guard(lock_);
+  return droppedCount_;
 }
 
 uint64_t IpcPackageManager::getQueuedBytes() const {
-  std::lock_guard<std::mutex> guard(queueLock);
-  return queuedBytes;
+  Tavo::MutexLock guard(lock_);
+  return queuedBytes_;
 }

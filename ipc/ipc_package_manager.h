@@ -1,15 +1,20 @@
-// One connection's queue of outgoing packages.
+// One connection's queue of outgoing packages: producers on any thread
+// append, the connection's write callback drains into its send buffer.
 #pragma once
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
-#include <mutex>
+#include <initializer_list>
+#include <memory>
 
 #include "ipc/ipc_buffer_state.h"
+#include "ipc/ipc_frame.h"
+#include "ipc/ipc_log_limiter.h"
 #include "ipc/ipc_package.h"
 #include "util/tavo_export.h"
+#include "util/tavo_mutex.h"
 
 class TAVO_EXPORT IpcPackageManager {
  public:
@@ -22,8 +27,8 @@ class TAVO_EXPORT IpcPackageManager {
   IpcPackageManager(const IpcPackageManager&) = delete;
   IpcPackageManager& operator=(const IpcPackageManager&) = delete;
 
-  // Command package: code (0..3), data length, data. False for a code above 3,
-  // a failed allocation or a full queue.
+  // Command package: code (0..3), data length, data. False for a code above
+  // 3, a failed allocation or a full queue.
   bool buildAndAppendSecondIpcPackage(uint32_t command, const char* data, uint64_t length);
   // A ready payload whose command header the caller supplies.
   bool buildAndAppendIpcPackage(const char* payload, uint64_t length);
@@ -44,17 +49,18 @@ class TAVO_EXPORT IpcPackageManager {
   uint64_t getQueuedBytes() const;
 
  private:
-  bool append(char* block, uint64_t length);
-  // Counts and (rate-limited) logs a refused package; always false.
-  bool refuse(std::unique_lock<std::mutex>& guard);
-  bool tooLarge();
-  bool writeHead(BufferState* buffer, bool strict);
+  bool appendCommand(uint32_t command, std::initializer_list<IpcBytes> parts);
+  bool append(std::unique_ptr<char[]> block, uint64_t length);
+  // Counts a refused package; logs it at most every 10 s. Always false.
+  bool refuse();
+  bool writeHead(BufferState* buffer, bool strict) REQUIRES(lock_);
 
-  mutable std::mutex queueLock;
-  std::deque<TavoIpcPackage> queue;
-  std::condition_variable cond;
-  uint64_t queuedBytes = 0;
-  uint64_t droppedCount = 0;
-  int64_t lastDropWarning = 0;
-  std::atomic<size_t> count{0};
+  mutable Tavo::Mutex lock_;
+  std::condition_variable_any wakeUp_;
+  std::deque<TavoIpcPackage> queue_ GUARDED_BY(lock_);
+  uint64_t queuedBytes_ GUARDED_BY(lock_) = 0;
+  uint64_t droppedCount_ GUARDED_BY(lock_) = 0;
+  int waiters_ GUARDED_BY(lock_) = 0;
+  std::atomic<size_t> count_{0};
+  IpcLogLimiter dropWarnings_;
 };

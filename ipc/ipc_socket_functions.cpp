@@ -1,17 +1,18 @@
-// Local-socket helpers shared by the socket manager and its users.
+#include "ipc/ipc_socket_functions.h"
+
+#include <android-base/unique_fd.h>
 #include <cutils/sockets.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstring>
 
-#include "ipc/unix_ipc_manager.h"
 #include "util/tavo_log.h"
 
 namespace {
+
 constexpr const char* kTag = "BpfUtils";
 
 bool SetCloseOnExec(int fd) {
@@ -25,47 +26,54 @@ bool EpollCtl(int epollFd, int op, int fd, uint32_t events) {
   event.data.fd = fd;
   return epoll_ctl(epollFd, op, fd, &event) == 0;
 }
+
+// Close-on-exec and non-blocking, or -1 with the socket closed and errno kept.
+int Prepare(android::base::unique_fd fd) {
+  if (!SetCloseOnExec(fd.get()) || !Setnonblocking(fd.get())) {
+    const int err = errno;
+    fd.reset();
+    errno = err;
+    return -1;
+  }
+  return fd.release();
+}
+
 }  // namespace
 
 int CreateNonblockingServerSocket(const std::string& path) {
-  const int fd = socket_local_server(path.c_str(), ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
+  android::base::unique_fd fd(
+      socket_local_server(path.c_str(), ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM));
   if (fd < 0) {
     TAVO_LOGW(kTag, "Create socket: %s failed: %d, message: %s", path.c_str(), errno,
               strerror(errno));
     return -1;
   }
-  if (!SetCloseOnExec(fd) || !Setnonblocking(fd)) {
-    const int err = errno;
-    close(fd);
-    TAVO_LOGE(kTag, "Setnonblocking (%s) failed: %d, message: %s", path.c_str(), err,
-              strerror(err));
-    errno = err;
-    return -1;
+  const int ready = Prepare(std::move(fd));
+  if (ready < 0) {
+    TAVO_LOGE(kTag, "Setnonblocking (%s) failed: %d, message: %s", path.c_str(), errno,
+              strerror(errno));
   }
-  return fd;
+  return ready;
 }
 
 int ConnectToServer(const std::string& path) {
-  const int fd = socket_local_client(path.c_str(), ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM);
+  android::base::unique_fd fd(
+      socket_local_client(path.c_str(), ANDROID_SOCKET_NAMESPACE_ABSTRACT, SOCK_STREAM));
   if (fd < 0) {
     TAVO_LOGE(kTag, "Failed to create socket: %d, message: %s", errno, strerror(errno));
     return -1;
   }
-  if (!SetCloseOnExec(fd) || !Setnonblocking(fd)) {
-    const int err = errno;
-    close(fd);
-    TAVO_LOGE(kTag, "Setnonblocking %s path failed: %d, message: %s", path.c_str(), err,
-              strerror(err));
-    errno = err;
-    return -1;
+  const int ready = Prepare(std::move(fd));
+  if (ready < 0) {
+    TAVO_LOGE(kTag, "Setnonblocking %s path failed: %d, message: %s", path.c_str(), errno,
+              strerror(errno));
   }
-  return fd;
+  return ready;
 }
 
 bool Setnonblocking(int fd) {
   const int flags = fcntl(fd, F_GETFL);
-  if (flags < 0) return false;
-  return fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
+  return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
 }
 
 bool EpollCtlAdd(int epollFd, int fd, uint32_t events) {

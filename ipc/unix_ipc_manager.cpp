@@ -5,555 +5,483 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
 
+#include "ipc/ipc_frame.h"
 #include "util/tavo_log.h"
 
 namespace {
 
-constexpr const char* kDefaultName = "BpfUtils";
 constexpr int kReconnectWaitMs = 5000;
 // A full socket is met by yielding this many times before the send fails.
 constexpr int kMaxSendTries = 11;
 
-// Write locks held by this thread, innermost first. The loop thread takes a
-// connection's write lock around its callbacks; a callback (or writeDataNow
-// calling the write callback) may ask for the same lock again.
-struct HeldWriteLock {
-  std::mutex* lock;
-  HeldWriteLock* outer;
-};
-thread_local HeldWriteLock* tlsHeldWriteLocks = nullptr;
-
-class WriteGuard {
- public:
-  explicit WriteGuard(std::mutex* lock) : held{lock, tlsHeldWriteLocks} {
-    for (HeldWriteLock* it = tlsHeldWriteLocks; it != nullptr; it = it->outer) {
-      if (it->lock == lock) return;
-    }
-    lock->lock();
-    owns = true;
-    tlsHeldWriteLocks = &held;
-  }
-  ~WriteGuard() {
-    if (!owns) return;
-    tlsHeldWriteLocks = held.outer;
-    held.lock->unlock();
-  }
-  WriteGuard(const WriteGuard&) = delete;
-  WriteGuard& operator=(const WriteGuard&) = delete;
-
- private:
-  HeldWriteLock held;
-  bool owns = false;
-};
-
-// True when the frame at the cursor announces more than the whole buffer
-// could ever hold: it would never become complete.
-bool FrameCanNeverFit(const BufferState* buffer) {
-  if (buffer->length - buffer->cursor < kIpcFrameHeaderSize) return false;
-  int64_t frameLength = 0;
-  memcpy(&frameLength, buffer->data + buffer->cursor, sizeof(frameLength));
-  return frameLength < 0 || frameLength > buffer->capacity - kIpcFrameHeaderSize;
+UnixIpcOptions MakeOptions(bool isServer, int bufferSize, std::string path,
+                           IpcHandlerState handlers, const char* name,
+                           std::optional<cpu_set_t> cpus, int epollSize, int maxEvents) {
+  UnixIpcOptions options;
+  options.isServer = isServer;
+  options.bufferSize = bufferSize;
+  options.path = std::move(path);
+  options.handlers = std::move(handlers);
+  if (name != nullptr) options.name = name;
+  options.cpus = cpus;
+  options.epollSize = epollSize;
+  options.maxEvents = maxEvents;
+  return options;
 }
 
 }  // namespace
 
+UnixIpcManager::UnixIpcManager(UnixIpcOptions options) : options_(std::move(options)) {
+  EpollOptions loop;
+  loop.size = options_.epollSize;
+  loop.maxEvents = options_.maxEvents;
+  // The socket is made on the loop thread when it starts.
+  loop.startCallback = [this]() -> int { return options_.isServer ? createServer() : connect(); };
+  loop.name = options_.name;
+  loop.cpus = options_.cpus;
+  epollManager_ = std::make_unique<EpollManager>(std::move(loop));
+}
+
 UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string path,
                                IpcHandlerState handlers, const char* name, cpu_set_t cpus,
                                int epollSize, int maxEvents)
-    : path(std::move(path)),
-      isServer(isServer),
-      handlers(std::move(handlers)),
-      bufferSize(bufferSize),
-      name(kDefaultName),
-      nameStorage(name != nullptr ? name : kDefaultName) {
-  init(true, true, cpus, epollSize, maxEvents);
-}
+    : UnixIpcManager(MakeOptions(isServer, bufferSize, std::move(path), std::move(handlers), name,
+                                 cpus, epollSize, maxEvents)) {}
 
 UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string path,
                                IpcHandlerState handlers, const char* name, int epollSize,
                                int maxEvents)
-    : path(std::move(path)),
-      isServer(isServer),
-      handlers(std::move(handlers)),
-      bufferSize(bufferSize),
-      name(kDefaultName),
-      nameStorage(name != nullptr ? name : kDefaultName) {
-  cpu_set_t none;
-  CPU_ZERO(&none);
-  init(false, true, none, epollSize, maxEvents);
-}
+    : UnixIpcManager(MakeOptions(isServer, bufferSize, std::move(path), std::move(handlers), name,
+                                 std::nullopt, epollSize, maxEvents)) {}
 
 UnixIpcManager::UnixIpcManager(bool isServer, int bufferSize, std::string path,
                                IpcHandlerState handlers, int epollSize, int maxEvents)
-    : path(std::move(path)),
-      isServer(isServer),
-      handlers(std::move(handlers)),
-      bufferSize(bufferSize),
-      name(kDefaultName),
-      nameStorage(kDefaultName) {
-  cpu_set_t none;
-  CPU_ZERO(&none);
-  init(false, false, none, epollSize, maxEvents);
-}
-
-void UnixIpcManager::init(bool withCpus, bool withName, cpu_set_t cpus, int epollSize,
-                          int maxEvents) {
-  name = nameStorage.c_str();
-  // The socket is made on the loop thread when it starts.
-  auto startCallback = [this]() -> int { return this->isServer ? createServer() : connect(); };
-  if (withCpus) {
-    epollManager =
-        std::make_unique<EpollManager>(epollSize, maxEvents, startCallback, name, cpus, -1);
-  } else if (withName) {
-    epollManager = std::make_unique<EpollManager>(epollSize, maxEvents, startCallback, name, -1);
-  } else {
-    epollManager = std::make_unique<EpollManager>(epollSize, maxEvents, startCallback, -1);
-  }
-}
+    : UnixIpcManager(MakeOptions(isServer, bufferSize, std::move(path), std::move(handlers),
+                                 nullptr, std::nullopt, epollSize, maxEvents)) {}
 
 UnixIpcManager::~UnixIpcManager() {
-  // The loop thread goes first: it is the one touching buffers and sockets,
-  // and it may still use the manager while it ends.
-  if (epollManager) epollManager->join();
-  epollManager.reset();
-  if (!clearAllBuffer()) {
-    TAVO_LOGE(name, "[UnixIpcManager][~UnixIpcManager] Clear all buffer failed: %d, message: %s",
-              errno, strerror(errno));
-  }
-  // The listener first, so a peer that sees its connection end cannot
-  // reconnect to a server that is going away.
-  const int own = socketFd.exchange(-1);
-  if (own >= 0) close(own);
-  for (int fd : connections) {
-    if (fd != own) close(fd);
-  }
-  connections.clear();
+  // The loop thread goes first: it is the one touching buffers and sockets.
+  if (epollManager_) epollManager_->join();
+  epollManager_.reset();
+  clearAllBuffer();
+  // The listener before the connections, so a peer that sees its
+  // connection end cannot reconnect to a server that is going away.
+  Tavo::MutexLock guard(lock_);
+  socketFd_ = -1;
+  listener_.reset();
+  connections_.clear();
 }
 
 void UnixIpcManager::start() {
-  TAVO_LOGI(name, "[UnixIpcManager][start] Start epoll Manager...");
-  if (isServer) {
-    TAVO_LOGI(name, "[UnixIpcManager][start] Create server: %s", path.c_str());
+  TAVO_LOGI(tag(), "[UnixIpcManager][start] Start epoll Manager...");
+  if (options_.isServer) {
+    TAVO_LOGI(tag(), "[UnixIpcManager][start] Create server: %s", options_.path.c_str());
   } else {
-    TAVO_LOGI(name, "[UnixIpcManager][start] Connection to server: %s", path.c_str());
+    TAVO_LOGI(tag(), "[UnixIpcManager][start] Connection to server: %s", options_.path.c_str());
   }
-  if (!epollManager) {
-    TAVO_LOGE(name, "[UnixIpcManager] epoll manager not exists!");
+  if (!epollManager_) {
+    TAVO_LOGE(tag(), "[UnixIpcManager] epoll manager not exists!");
     return;
   }
-  epollManager->start();
+  epollManager_->start();
 }
 
 void UnixIpcManager::stop() {
-  TAVO_LOGI(name, "[UnixIpcManager][stop] Stop epoll Manager...");
-  if (epollManager) epollManager->stop();
+  TAVO_LOGI(tag(), "[UnixIpcManager][stop] Stop epoll Manager...");
+  if (epollManager_) epollManager_->stop();
 }
 
 void UnixIpcManager::join() {
-  if (epollManager) epollManager->join();
+  if (epollManager_) epollManager_->join();
 }
 
 bool UnixIpcManager::notifyNeedWriteData(int fd) {
-  return epollManager && epollManager->notifyWriteEventReady(fd);
+  return epollManager_ && epollManager_->notifyWriteEventReady(fd);
 }
 
 bool UnixIpcManager::writeDataNow(int fd) {
-  if (!epollManager) return false;
-  WriteGuard guard(writeLockFor(fd));
-  return epollManager->writeEventNow(fd);
+  if (!epollManager_) return false;
+  // From one of the connection's own callbacks the guard is already held:
+  // the manager sends what the callback leaves once it returns.
+  auto connection = find(fd);
+  if (connection != nullptr && connection->holderIsThisThread()) return notifyNeedWriteData(fd);
+  return epollManager_->writeEventNow(fd);
 }
 
-std::mutex* UnixIpcManager::writeLockFor(int fd) {
-  // Entries live until the manager is destroyed, so the pointer stays valid
-  // for a thread that is blocked on it while the connection closes.
-  std::lock_guard<std::mutex> guard(writeLocksLock);
-  auto& slot = writeLocks[fd];
-  if (!slot) slot = std::make_unique<std::mutex>();
-  return slot.get();
+std::shared_ptr<IpcConnection> UnixIpcManager::find(int fd) const {
+  Tavo::MutexLock guard(lock_);
+  auto it = connections_.find(fd);
+  return it == connections_.end() ? nullptr : it->second;
 }
 
-BufferState* UnixIpcManager::findBuffer(std::map<int, BufferState>& buffers, int fd) {
-  std::lock_guard<std::mutex> guard(bufferLock);
-  auto it = buffers.find(fd);
-  return it == buffers.end() ? nullptr : &it->second;
-}
-
-EpollCallback UnixIpcManager::connectionCallbacks() {
-  EpollCallback callbacks;
-  // Without a read handler there is no receive buffer; watching EPOLLIN then
-  // would wake the loop for ever on unread data. Hang-ups still arrive.
-  if (handlers.read) {
-    callbacks.readable = [this](epoll_event event) { return onClientReadableCallback(event); };
-  }
-  callbacks.writable = [this](epoll_event event) { return onCommWriteCallback(event); };
-  callbacks.close = [this](epoll_event event) { return onClientCloseCallback(event); };
-  return callbacks;
+size_t UnixIpcManager::getConnectionCount() const {
+  Tavo::MutexLock guard(lock_);
+  return connections_.size();
 }
 
 void UnixIpcManager::setSocketBuffers(int fd) {
-  const int size = bufferSize;
+  const int size = options_.bufferSize;
   if (setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)) != 0) {
-    TAVO_LOGE(name, "[UnixIpcManager] Set send buffer size failed: %d, message: %s, clientFd: %d",
+    TAVO_LOGE(tag(), "[UnixIpcManager] Set send buffer size failed: %d, message: %s, clientFd: %d",
               errno, strerror(errno), fd);
   }
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size)) != 0) {
-    TAVO_LOGE(name, "[UnixIpcManager] Set recv buffer size failed: %d, message: %s, clientFd: %d",
+    TAVO_LOGE(tag(), "[UnixIpcManager] Set recv buffer size failed: %d, message: %s, clientFd: %d",
               errno, strerror(errno), fd);
   }
 }
 
+bool UnixIpcManager::allocate(IpcConnection& connection, bool read) {
+  const int64_t capacity = options_.bufferSize > 0 ? options_.bufferSize : 0;
+  if (read ? connection.allocateReceive(capacity) : connection.allocateSend(capacity)) return true;
+  if (read) {
+    TAVO_LOGE(tag(), "[UnixIpcManager] Allocate read buffer for fd(%d) failed: %d, message: %s", connection.fd(), ENOMEM, strerror(ENOMEM));
+  } else {
+    TAVO_LOGE(tag(), "[UnixIpcManager] Allocate write buffer for fd(%d) failed: %d, message: %s", connection.fd(), ENOMEM, strerror(ENOMEM));
+  }
+  errno = ENOMEM;
+  return false;
+}
+
+std::shared_ptr<IpcConnection> UnixIpcManager::openConnection(android::base::unique_fd fd,
+                                                              bool accepted) {
+  const int number = fd.get();
+  if (!accepted) setSocketBuffers(number);
+  auto connection = std::make_shared<IpcConnection>(std::move(fd));
+  {
+    IpcConnection::Guard guard(*connection);
+    const IpcHandlerState& handlers = options_.handlers;
+    // A connection we accepted is useless without its buffers; our own
+    // client connection goes on without the one it could not get.
+    if (handlers.read && !allocate(*connection, true)) {
+      TAVO_LOGE(tag(), "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: %d, message: %s", number, errno, strerror(errno));
+      if (accepted) return nullptr;
+    }
+    if (handlers.write && !allocate(*connection, false)) {
+      TAVO_LOGE(tag(), "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: %d, message: %s", number, errno, strerror(errno));
+      if (accepted) return nullptr;
+    }
+  }
+  if (accepted) setSocketBuffers(number);
+  return connection;
+}
+
+bool UnixIpcManager::registerConnection(const std::shared_ptr<IpcConnection>& connection) {
+  const int fd = connection->fd();
+  EpollCallback callbacks;
+  {
+    IpcConnection::Guard guard(*connection);
+    // Without a receive buffer there is nothing to read into; watching
+    // EPOLLIN would wake the loop for ever on unread data. Hang-ups still
+    // arrive.
+    if (connection->receive() != nullptr) {
+      callbacks.readable = [this](epoll_event event) { return onClientReadableCallback(event); };
+    }
+  }
+  callbacks.writable = [this](epoll_event event) { return onCommWriteCallback(event); };
+  callbacks.close = [this](epoll_event event) { return onClientCloseCallback(event); };
+  {
+    Tavo::MutexLock guard(lock_);
+    connections_[fd] = connection;
+  }
+  if (epollManager_->addMonitorFd(fd, std::move(callbacks))) return true;
+  Tavo::MutexLock guard(lock_);
+  connections_.erase(fd);  // and with the last reference the descriptor closes
+  return false;
+}
+
 bool UnixIpcManager::createServer() {
-  if (!isServer) {
-    TAVO_LOGE(name, "[UnixIpcManager] Create server in client manager");
+  if (!options_.isServer) {
+    TAVO_LOGE(tag(), "[UnixIpcManager] Create server in client manager");
     return false;
   }
-  const int fd = CreateNonblockingServerSocket(path);
+  android::base::unique_fd fd(CreateNonblockingServerSocket(options_.path));
   if (fd < 0) {
-    TAVO_LOGE(name, "[UnixIpcManager] Create server Socket failed: %d, message: %s", errno,
+    TAVO_LOGE(tag(), "[UnixIpcManager] Create server Socket failed: %d, message: %s", errno,
               strerror(errno));
     return false;
   }
   EpollCallback callbacks;
   callbacks.readable = [this](epoll_event event) { return onServerReadableCallback(event); };
   callbacks.close = [this](epoll_event event) { return onServerCloseCallback(event); };
-  if (!epollManager->addMonitorFd(fd, callbacks)) {
-    close(fd);
-    return false;
-  }
-  socketFd = fd;
+  if (!epollManager_->addMonitorFd(fd.get(), std::move(callbacks))) return false;
+  Tavo::MutexLock guard(lock_);
+  socketFd_ = fd.get();
+  listener_ = std::move(fd);
   return true;
 }
 
 bool UnixIpcManager::connect() {
-  if (isServer) {
-    TAVO_LOGE(name, "[UnixIpcManager] Create client in server manager");
+  if (options_.isServer) {
+    TAVO_LOGE(tag(), "[UnixIpcManager] Create client in server manager");
     return false;
   }
-  int fd = -1;
-  while ((fd = ConnectToServer(path)) < 0) {
+  android::base::unique_fd fd(ConnectToServer(options_.path));
+  while (fd < 0) {
     const int err = errno;
-    TAVO_LOGE(name, "[UnixIpcManager] Connect failed: %d, message: %s, clientFd: %d, Wait 5 senconds",
-              err, strerror(err), fd);
+    TAVO_LOGE(tag(), "[UnixIpcManager] Connect failed: %d, message: %s, clientFd: %d, Wait 5 senconds",
+              err, strerror(err), fd.get());
     // Sleeps on the control descriptor, so stop() ends the wait at once.
-    if (epollManager->waitStopRequest(kReconnectWaitMs)) return false;
+    if (epollManager_->waitStopRequest(kReconnectWaitMs)) return false;
+    fd.reset(ConnectToServer(options_.path));
   }
-  setSocketBuffers(fd);
-  if (handlers.read && !allocateReadBufferForFd(fd)) {
-    TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: %d, message: %s",
-              fd, errno, strerror(errno));
-  }
-  if (handlers.write && !allocateWriteBufferForFd(fd)) {
-    TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: %d, message: %s",
-              fd, errno, strerror(errno));
-  }
-  EpollCallback callbacks = connectionCallbacks();
-  if (findBuffer(readBuffers, fd) == nullptr) callbacks.readable = nullptr;
-  {
-    std::lock_guard<std::mutex> guard(bufferLock);
-    connections.insert(fd);
-  }
-  if (!epollManager->addMonitorFd(fd, callbacks)) {
-    freeBufferForFd(fd);
-    {
-      std::lock_guard<std::mutex> guard(bufferLock);
-      connections.erase(fd);
-    }
-    close(fd);
-    return false;
-  }
+  auto connection = openConnection(std::move(fd), false);
+  if (!registerConnection(connection)) return false;
   // Published once registered, so a user may ask for write readiness on it.
-  socketFd = fd;
+  socketFd_ = connection->fd();
   return true;
 }
 
-void UnixIpcManager::reconnect() {
-  TAVO_LOGE(name, "[UnixIpcManager] Server socket abnormal close!! (%s)", path.c_str());
-  connect();
-}
-
 int UnixIpcManager::onServerReadableCallback(epoll_event event) {
-  const int fd = accept4(event.data.fd, nullptr, nullptr, SOCK_CLOEXEC);
+  android::base::unique_fd fd(accept4(event.data.fd, nullptr, nullptr, SOCK_CLOEXEC));
   if (fd < 0) {
-    TAVO_LOGE(name, "[UnixIpcManager] Accept client failed: %d, message: %s", errno,
+    TAVO_LOGE(tag(), "[UnixIpcManager] Accept client failed: %d, message: %s", errno,
               strerror(errno));
-    return -1;
+    return kIpcCallbackFailed;
   }
-  if (!Setnonblocking(fd)) {
+  if (!Setnonblocking(fd.get())) {
     const int err = errno;
-    close(fd);
-    TAVO_LOGE(name, "[UnixIpcManager] Setnonblocking (client) failed: %d, message: %s", err,
+    fd.reset();
+    TAVO_LOGE(tag(), "[UnixIpcManager] Setnonblocking (client) failed: %d, message: %s", err,
               strerror(err));
-    return -1;
+    return kIpcCallbackFailed;
   }
-  if (handlers.read && !allocateReadBufferForFd(fd)) {
-    const int err = errno;
-    close(fd);
-    TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate read buffer for server accept connection (%d) failed: %d, message: %s",
-              fd, err, strerror(err));
-    return -1;
-  }
-  if (handlers.write && !allocateWriteBufferForFd(fd)) {
-    const int err = errno;
-    close(fd);
-    freeBufferForFd(fd);
-    TAVO_LOGE(name,
-              "[UnixIpcManager] Allocate write buffer for server accept connection (%d) failed: %d, message: %s",
-              fd, err, strerror(err));
-    return -1;
-  }
-  setSocketBuffers(fd);
-  {
-    std::lock_guard<std::mutex> guard(bufferLock);
-    connections.insert(fd);
-  }
-  if (!epollManager->addMonitorFd(fd, connectionCallbacks())) {
-    freeBufferForFd(fd);
-    {
-      std::lock_guard<std::mutex> guard(bufferLock);
-      connections.erase(fd);
-    }
-    close(fd);
-    return -1;
-  }
-  if (handlers.connection) handlers.connection(fd);
-  return 0;
+  auto connection = openConnection(std::move(fd), true);
+  if (connection == nullptr || !registerConnection(connection)) return kIpcCallbackFailed;
+  if (options_.handlers.connection) options_.handlers.connection(connection->fd());
+  return kIpcCallbackOk;
 }
 
 int UnixIpcManager::onServerCloseCallback(epoll_event event) {
   const int fd = event.data.fd;
-  int result = 0;
-  epollManager->delMonitorFd(fd);
-  if (close(fd) != 0) {
-    TAVO_LOGE(name, "[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s", fd,
+  android::base::unique_fd listener;
+  {
+    Tavo::MutexLock guard(lock_);
+    if (fd == listener_.get()) listener = std::move(listener_);
+  }
+  if (listener < 0) {
+    auto connection = find(fd);
+    if (connection == nullptr) return kIpcCallbackOk;
+    return closeConnection(connection, false) ? kIpcCallbackOk : kIpcCallbackFailed;
+  }
+  epollManager_->delMonitorFd(fd);
+  socketFd_ = -1;
+  if (close(listener.release()) != 0) {
+    TAVO_LOGE(tag(), "[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s", fd,
               errno, strerror(errno));
-    result = -1;
   }
-  if (fd == socketFd) {
-    socketFd = -1;
-    TAVO_LOGE(name, "[UnixIpcManager][onServerCloseCallback] Server socket abnormal close! (%s)",
-              path.c_str());
-    if (handlers.close) handlers.close(fd);
-    createServer();
-    return 0;
-  }
-  if (handlers.close) handlers.close(fd);
-  if (!freeBufferForFd(fd)) {
-    TAVO_LOGE(name, "[UnixIpcManager][ServerCallback] free buffer failed: %d, message: %s", errno,
-              strerror(errno));
-    result = -1;
-  }
-  return result;
+  TAVO_LOGE(tag(), "[UnixIpcManager][onServerCloseCallback] Server socket abnormal close! (%s)",
+            options_.path.c_str());
+  if (options_.handlers.close) options_.handlers.close(fd);
+  createServer();
+  return kIpcCallbackOk;
 }
 
-// The connection's end as seen from our side: unregister, close, free.
-// Returns -2; the caller tells the user (close callback) and, when
-// `reconnect` is set (client mode, own connection), connects again, both
-// after it has let go of the write lock.
-int UnixIpcManager::closeConnection(int fd, bool& reconnect, bool* failed) {
-  epollManager->delMonitorFd(fd);
+bool UnixIpcManager::closeConnection(const std::shared_ptr<IpcConnection>& connection,
+                                     bool fromRead) {
+  const int fd = connection->fd();
+  epollManager_->delMonitorFd(fd);
   {
-    std::lock_guard<std::mutex> guard(bufferLock);
-    connections.erase(fd);
+    Tavo::MutexLock guard(lock_);
+    auto it = connections_.find(fd);
+    if (it != connections_.end() && it->second == connection) connections_.erase(it);
   }
-  bool ok = true;
-  if (close(fd) != 0) {
-    TAVO_LOGE(name, "[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s", fd,
-              errno, strerror(errno));
-    ok = false;
+  bool closed;
+  {
+    // Waits out a writeDataNow still sending on it.
+    IpcConnection::Guard guard(*connection);
+    closed = connection->close();
+    if (!closed) {
+      TAVO_LOGE(tag(), "[UnixIpcManager][ServerCallback] Close fd(%d) failed: %d, message: %s",
+                fd, errno, strerror(errno));
+    }
+    connection->freeBuffers();
   }
-  if (!freeBufferForFd(fd)) {
-    TAVO_LOGE(name, "[UnixIpcManager][ServerCallback] free buffer failed: %d, message: %s", errno,
-              strerror(errno));
-    ok = false;
+  // User callbacks that may take their own locks run without the guard.
+  if (options_.handlers.close) options_.handlers.close(fd);
+  int own = fd;
+  if (!options_.isServer && socketFd_.compare_exchange_strong(own, -1)) {
+    if (fromRead) {
+      TAVO_LOGE(tag(), "[UnixIpcManager] Server socket abnormal close!! (%s)", options_.path.c_str());
+    } else {
+      TAVO_LOGE(tag(), "[UnixIpcManager][onClientCloseCallback] Server socket abnormal close! (%s)", options_.path.c_str());
+    }
+    connect();
   }
-  if (failed != nullptr) *failed = !ok;
-  if (!isServer && fd == socketFd) {
-    socketFd = -1;
-    reconnect = true;
+  return closed;
+}
+
+int UnixIpcManager::missingBuffer(int fd, bool read) {
+  if (read) {
+    TAVO_LOGE(tag(), "[UnixIpcManager][ClientCallback] Not allocate read buffer for the fd(%d)!", fd);
+  } else {
+    TAVO_LOGE(tag(), "[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(%d)!", fd);
   }
-  return -2;
+  return kIpcCallbackFailed;
 }
 
 int UnixIpcManager::onClientReadableCallback(epoll_event event) {
   const int fd = event.data.fd;
-  bool again = false;
+  auto connection = find(fd);
+  if (connection == nullptr) return missingBuffer(fd, true);
+  bool closeIt = false;
+  bool wantWrite = false;
   int result;
   {
-    WriteGuard guard(writeLockFor(fd));
-    result = readLocked(fd, again);
+    IpcConnection::Guard guard(*connection);
+    if (connection->receive() == nullptr) return missingBuffer(fd, true);
+    result = receive(*connection, &closeIt, &wantWrite);
   }
-  if (result == -2 && handlers.close) handlers.close(fd);
-  if (again) reconnect();
+  if (closeIt) {
+    closeConnection(connection, true);
+    return kIpcCallbackClosed;
+  }
+  if (wantWrite) notifyNeedWriteData(fd);
   return result;
 }
 
-int UnixIpcManager::readLocked(int fd, bool& again) {
-  BufferState* receive = findBuffer(readBuffers, fd);
-  if (receive == nullptr) {
-    TAVO_LOGE(name, "[UnixIpcManager][ClientCallback] Not allocate read buffer for the fd(%d)!",
-              fd);
-    return -1;
-  }
+// One receive into the free tail of the buffer, then the user's read
+// callback. Connections that can never make progress are closed rather
+// than spun on: a level-triggered EPOLLIN with no room to read into would
+// run a core at 100%.
+int UnixIpcManager::receive(IpcConnection& connection, bool* closeIt, bool* wantWrite) {
+  const int fd = connection.fd();
+  const IpcHandlerState& handlers = options_.handlers;
+  BufferState* buffer = connection.receive();
   if (handlers.saveUnusedBuffer) {
-    SaveUnuseBuffer(receive);
-  } else if (receive->cursor == receive->length) {
+    SaveUnuseBuffer(buffer);
+  } else if (buffer->cursor == buffer->length) {
     // Everything was consumed: start over at the front.
-    receive->cursor = 0;
-    receive->length = 0;
-  } else if (receive->length == receive->capacity) {
+    buffer->cursor = 0;
+    buffer->length = 0;
+  } else if (buffer->length == buffer->capacity) {
     // Full, but part of it was consumed: make room rather than give up on
     // a connection that is still making progress.
-    SaveUnuseBuffer(receive);
+    SaveUnuseBuffer(buffer);
   }
-  const int64_t room = receive->capacity - receive->length;
+  const int64_t room = buffer->capacity - buffer->length;
   if (room <= 0) {
-    // A receive of 0 bytes would look like a hang-up while the socket stays
-    // readable for ever; the connection cannot make progress, so end it.
-    TAVO_LOGE(name, "[UnixIpcManager] Receive buffer full, close fd(%d), length: %lld", fd,
-              static_cast<long long>(receive->length));
-    return closeConnection(fd, again);
+    TAVO_LOGE(tag(), "[UnixIpcManager] Receive buffer full, close fd(%d), length: %lld", fd,
+              static_cast<long long>(buffer->length));
+    *closeIt = true;
+    return kIpcCallbackClosed;
   }
   const ssize_t count =
-      recvfrom(fd, receive->data + receive->length, static_cast<size_t>(room), 0, nullptr, nullptr);
-  if (count == 0) return -3;
+      recvfrom(fd, buffer->data + buffer->length, static_cast<size_t>(room), 0, nullptr, nullptr);
+  if (count == 0) return kIpcCallbackPeerClosed;
   if (count < 0) {
     const int err = errno;
-    if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) return 0;
-    TAVO_LOGE(name, "[UnixIpcManager] Recv data failed: %d, message: %s", err, strerror(err));
-    if (handlers.closeOnError) return closeConnection(fd, again);
-    return -1;
+    if (err == EAGAIN || err == EWOULDBLOCK || err == EINTR) return kIpcCallbackOk;
+    TAVO_LOGE(tag(), "[UnixIpcManager] Recv data failed: %d, message: %s", err, strerror(err));
+    *closeIt = handlers.closeOnError;
+    return kIpcCallbackFailed;
   }
-  receive->length += count;
-  BufferState* send = findBuffer(writeBuffers, fd);
-  if (handlers.read && handlers.read(fd, receive, send) == -1) {
-    TAVO_LOGE(name, "[UnixIpcManager] Callback ipc read handler failed: %d, message: %s", errno,
+  buffer->length += count;
+  BufferState* send = connection.send();
+  if (handlers.read(fd, buffer, send) == kIpcCallbackFailed) {
+    TAVO_LOGE(tag(), "[UnixIpcManager] Callback ipc read handler failed: %d, message: %s", errno,
               strerror(errno));
-    if (handlers.closeOnError) return closeConnection(fd, again);
+    if (handlers.closeOnError) {
+      *closeIt = true;
+      return kIpcCallbackClosed;
+    }
   }
-  if (FrameCanNeverFit(receive)) {
-    int64_t frameLength = 0;
-    memcpy(&frameLength, receive->data + receive->cursor, sizeof(frameLength));
-    TAVO_LOGE(name, "[UnixIpcManager] Frame larger than buffer, close fd(%d), size: %lld", fd,
-              static_cast<long long>(frameLength));
-    return closeConnection(fd, again);
+  IpcFrame frame;
+  if (PeekIpcFrame(buffer, &frame) == IpcFrameStatus::kNeverFits) {
+    TAVO_LOGE(tag(), "[UnixIpcManager] Frame larger than buffer, close fd(%d), size: %lld", fd,
+              static_cast<long long>(frame.bodyLength));
+    *closeIt = true;
+    return kIpcCallbackClosed;
   }
-  if (send != nullptr && send->cursor != send->length) notifyNeedWriteData(fd);
-  return 0;
-}
-
-int UnixIpcManager::sendFailed(const epoll_event& event, int fd) {
-  const int err = errno;
-  TAVO_LOGE(name, "[UnixIpcManager] Send ipc data failed: %d, message: %s", err, strerror(err));
-  if (err != EAGAIN && err != EWOULDBLOCK) return -1;
-  // The socket is only full: the unsent bytes stay in the buffer and go
-  // out when the socket drains, so write readiness must stay on.
-  if (event.events & EPOLLOUT) return 0;
-  notifyNeedWriteData(fd);
-  errno = err;
-  return -1;
+  *wantWrite = send != nullptr && send->cursor != send->length;
+  return kIpcCallbackOk;
 }
 
 int UnixIpcManager::onCommWriteCallback(epoll_event event) {
   const int fd = event.data.fd;
-  WriteGuard guard(writeLockFor(fd));
-  BufferState* send = findBuffer(writeBuffers, fd);
-  if (send == nullptr) {
-    TAVO_LOGE(name, "[UnixIpcManager][ClientCallback] Not allocate write buffer for the fd(%d)!",
-              fd);
-    return -1;
-  }
+  auto connection = find(fd);
+  if (connection == nullptr) return missingBuffer(fd, false);
+  IpcConnection::Guard guard(*connection);
+  if (connection->send() == nullptr) return missingBuffer(fd, false);
+  return flush(*connection, event);
+}
+
+// What was left unsent first, then what the user's write callback adds.
+int UnixIpcManager::flush(IpcConnection& connection, const epoll_event& event) {
+  const int fd = connection.fd();
+  // Closed while this thread waited for the guard: the number may already
+  // belong to someone else.
+  if (!connection.isOpen()) return kIpcCallbackFailed;
+  BufferState* send = connection.send();
   if (send->cursor != send->length) {
     if (!ensureDataSend(fd, send)) return sendFailed(event, fd);
   } else {
     send->cursor = 0;
     send->length = 0;
   }
-  if (handlers.write && handlers.write(fd, send) == -1) {
-    TAVO_LOGE(name, "[UnixIpcManager] Callback ipc write handler failed: %d, message: %s", errno,
+  if (options_.handlers.write && options_.handlers.write(fd, send) == kIpcCallbackFailed) {
+    TAVO_LOGE(tag(), "[UnixIpcManager] Callback ipc write handler failed: %d, message: %s", errno,
               strerror(errno));
-    return -1;
+    return kIpcCallbackFailed;
   }
-  if (send->cursor == send->length) return -3;
+  if (send->cursor == send->length) return kIpcCallbackPeerClosed;
   if (!ensureDataSend(fd, send)) return sendFailed(event, fd);
-  return 0;
+  return kIpcCallbackOk;
+}
+
+int UnixIpcManager::sendFailed(const epoll_event& event, int fd) {
+  const int err = errno;
+  TAVO_LOGE(tag(), "[UnixIpcManager] Send ipc data failed: %d, message: %s", err, strerror(err));
+  if (err != EAGAIN && err != EWOULDBLOCK) return kIpcCallbackFailed;
+  // The socket is only full: the unsent bytes stay in the buffer and go out
+  // when the socket drains, so write readiness must stay on.
+  if (event.events & EPOLLOUT) return kIpcCallbackOk;
+  notifyNeedWriteData(fd);
+  errno = err;
+  return kIpcCallbackFailed;
 }
 
 int UnixIpcManager::onClientCloseCallback(epoll_event event) {
-  const int fd = event.data.fd;
-  int result = 0;
-  bool again = false;
-  {
-    WriteGuard guard(writeLockFor(fd));
-    bool failed = false;
-    closeConnection(fd, again, &failed);
-    if (failed) result = -1;
-  }
-  // User callbacks that may take their own locks run without the write lock.
-  if (handlers.close) handlers.close(fd);
-  if (again) {
-    TAVO_LOGE(name, "[UnixIpcManager][onClientCloseCallback] Server socket abnormal close! (%s)",
-              path.c_str());
-    connect();
-  }
-  return result;
-}
-
-bool UnixIpcManager::allocateBuffer(std::map<int, BufferState>& buffers, int fd, bool read) {
-  const int64_t capacity = bufferSize > 0 ? bufferSize : 0;
-  auto* data = static_cast<char*>(malloc(static_cast<size_t>(capacity > 0 ? capacity : 1)));
-  if (data == nullptr) {
-    if (read) {
-      TAVO_LOGE(name, "[UnixIpcManager] Allocate read buffer for fd(%d) failed: %d, message: %s", fd, errno, strerror(errno));
-    } else {
-      TAVO_LOGE(name, "[UnixIpcManager] Allocate write buffer for fd(%d) failed: %d, message: %s", fd, errno, strerror(errno));
-    }
-    return false;
-  }
-  std::lock_guard<std::mutex> guard(bufferLock);
-  BufferState& buffer = buffers[fd];
-  free(buffer.data);  // a stale entry of an earlier connection on this fd
-  buffer.cursor = 0;
-  buffer.length = 0;
-  buffer.capacity = capacity;
-  buffer.data = data;
-  return true;
+  auto connection = find(event.data.fd);
+  if (connection == nullptr) return kIpcCallbackOk;
+  return closeConnection(connection, false) ? kIpcCallbackOk : kIpcCallbackFailed;
 }
 
 bool UnixIpcManager::allocateReadBufferForFd(int fd) {
-  return allocateBuffer(readBuffers, fd, true);
+  auto connection = find(fd);
+  if (connection == nullptr) return false;
+  IpcConnection::Guard guard(*connection);
+  return allocate(*connection, true);
 }
 
 bool UnixIpcManager::allocateWriteBufferForFd(int fd) {
-  return allocateBuffer(writeBuffers, fd, false);
+  auto connection = find(fd);
+  if (connection == nullptr) return false;
+  IpcConnection::Guard guard(*connection);
+  return allocate(*connection, false);
 }
 
 bool UnixIpcManager::freeBufferForFd(int fd) {
-  // The write lock waits out a writeDataNow caller still using the buffer.
-  WriteGuard writeGuard(writeLockFor(fd));
-  std::lock_guard<std::mutex> guard(bufferLock);
-  for (auto* buffers : {&readBuffers, &writeBuffers}) {
-    auto it = buffers->find(fd);
-    if (it == buffers->end()) continue;
-    free(it->second.data);
-    buffers->erase(it);
+  auto connection = find(fd);
+  if (connection != nullptr) {
+    IpcConnection::Guard guard(*connection);
+    connection->freeBuffers();
   }
   return true;
 }
 
 bool UnixIpcManager::clearAllBuffer() {
-  std::lock_guard<std::mutex> guard(bufferLock);
-  for (auto* buffers : {&readBuffers, &writeBuffers}) {
-    for (auto& entry : *buffers) free(entry.second.data);
-    buffers->clear();
+  std::map<int, std::shared_ptr<IpcConnection>> connections;
+  {
+    Tavo::MutexLock guard(lock_);
+    connections = connections_;
   }
-  std::lock_guard<std::mutex> locks(writeLocksLock);
-  writeLocks.clear();
+  for (auto& entry : connections) {
+    IpcConnection::Guard guard(*entry.second);
+    entry.second->freeBuffers();
+  }
   return true;
 }
 
@@ -562,7 +490,7 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer) {
   while (buffer->cursor < buffer->length) {
     const ssize_t left = static_cast<ssize_t>(buffer->length - buffer->cursor);
     if (tries >= kMaxSendTries) {
-      TAVO_LOGE(name,
+      TAVO_LOGE(tag(),
                 "[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: %s, clientFd: %d",
                 left, EAGAIN, strerror(EAGAIN), fd);
       errno = EAGAIN;
@@ -579,13 +507,13 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer) {
     const int err = errno;
     if (err == EAGAIN || err == EWOULDBLOCK) {
       ++tries;
-      TAVO_LOGW(name, "[UnixIpcManager] Socket buffer full! tryCount: %d, message: %s", tries,
+      TAVO_LOGW(tag(), "[UnixIpcManager] Socket buffer full! tryCount: %d, message: %s", tries,
                 strerror(err));
       sched_yield();
       continue;
     }
     if (err == EINTR) continue;
-    TAVO_LOGE(name,
+    TAVO_LOGE(tag(),
               "[UnixIpcManager] Send data failed! leftSize: %zd, error: %d, message: %s, clientFd: %d",
               left, err, strerror(err), fd);
     errno = err;

@@ -1,38 +1,53 @@
-// A message endpoint on a local stream socket, server or client mode.
+// A message endpoint on a local stream socket, server or client mode, run by
+// one epoll loop thread.
+//
+// Threads and locks: every callback runs on the loop thread. Other threads
+// may call notifyNeedWriteData (takes the epoll manager's lock) and
+// writeDataNow (takes the connection's lock). Locks are taken in the order
+// connection, then connection map or epoll manager; the map and epoll locks
+// are never held while calling out. The user's read and write callbacks run
+// holding their connection's lock, the connection and close callbacks
+// without it. Rule for callbacks: they never flush their own connection;
+// bytes they leave in the send buffer are sent by the manager right after
+// them (writeDataNow on the own connection from inside a callback only asks
+// for write readiness). A user must not call writeDataNow while holding a
+// lock its own read or write callback takes.
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <sched.h>
 #include <sys/epoll.h>
 
 #include <atomic>
-#include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <set>
+#include <optional>
 #include <string>
 
 #include "ipc/epoll_manager.h"
 #include "ipc/ipc_buffer_state.h"
+#include "ipc/ipc_connection.h"
+#include "ipc/ipc_handler_state.h"
+#include "ipc/ipc_socket_functions.h"
 #include "util/tavo_export.h"
+#include "util/tavo_mutex.h"
 
-struct TAVO_EXPORT IpcHandlerState {
-  bool saveUnusedBuffer = false;
-  bool closeOnError = false;
-  std::function<int(int, BufferState*, BufferState*)> read;
-  std::function<int(int, BufferState*)> write;
-  std::function<int(int)> connection;
-  std::function<int(int)> close;
+struct UnixIpcOptions {
+  bool isServer = true;
+  // Capacity of each connection buffer, and its SO_SNDBUF and SO_RCVBUF.
+  int bufferSize = 32768;
+  std::string path;  // abstract socket name
+  IpcHandlerState handlers;
+  // The loop thread's name and the log tag.
+  std::string name = "BpfUtils";
+  std::optional<cpu_set_t> cpus;  // unset: the constructing thread's
+  int epollSize = 10;
+  int maxEvents = 32;
 };
-
-TAVO_EXPORT int CreateNonblockingServerSocket(const std::string& path);
-TAVO_EXPORT int ConnectToServer(const std::string& path);
-TAVO_EXPORT bool Setnonblocking(int fd);
-TAVO_EXPORT bool EpollCtlAdd(int epollFd, int fd, uint32_t events);
-TAVO_EXPORT bool EpollCtlMod(int epollFd, int fd, uint32_t events);
 
 class TAVO_EXPORT UnixIpcManager {
  public:
+  explicit UnixIpcManager(UnixIpcOptions options);
   UnixIpcManager(bool isServer, int bufferSize, std::string path, IpcHandlerState handlers,
                  const char* name, cpu_set_t cpus, int epollSize, int maxEvents);
   UnixIpcManager(bool isServer, int bufferSize, std::string path, IpcHandlerState handlers,
@@ -42,6 +57,10 @@ class TAVO_EXPORT UnixIpcManager {
   UnixIpcManager(const UnixIpcManager&) = delete;
   UnixIpcManager& operator=(const UnixIpcManager&) = delete;
 
+  // Run on the loop thread when it starts (and again after a lost server or
+  // connection); connect() retries every 5 s until the server is there or
+  // the manager stops. A subclass that overrides them calls join() in its
+  // own destructor, so the loop never calls into a half-destroyed object.
   virtual bool createServer();
   virtual bool connect();
   virtual void start();
@@ -60,41 +79,42 @@ class TAVO_EXPORT UnixIpcManager {
   int onCommWriteCallback(epoll_event event);
   int onClientCloseCallback(epoll_event event);
 
+  // Buffers of an open connection: a fresh one, or none (false for a
+  // descriptor that is no connection of this manager).
   bool allocateReadBufferForFd(int fd);
   bool allocateWriteBufferForFd(int fd);
   bool freeBufferForFd(int fd);
   bool clearAllBuffer();
+  // Sends [cursor, length); meets a full socket by yielding up to 11 times.
   bool ensureDataSend(int fd, BufferState* buffer);
 
-  int getSocketFd() const { return socketFd; }
-  const std::string& getPath() const { return path; }
-
- protected:
-  std::string path;
-  bool isServer;
-  std::mutex bufferLock;
-  std::map<int, BufferState> readBuffers;
-  std::map<int, BufferState> writeBuffers;
-  std::mutex writeLocksLock;
-  std::map<int, std::unique_ptr<std::mutex>> writeLocks;
-  std::unique_ptr<EpollManager> epollManager;
-  IpcHandlerState handlers;
-  int bufferSize;
-  std::atomic<int> socketFd{-1};
-  const char* name;
-  std::string nameStorage;
-  // Accepted connections still open (bufferLock), closed at destruction.
-  std::set<int> connections;
+  int getSocketFd() const { return socketFd_; }
+  const std::string& getPath() const { return options_.path; }
+  size_t getConnectionCount() const;
 
  private:
-  void init(bool withCpus, bool withName, cpu_set_t cpus, int epollSize, int maxEvents);
-  std::mutex* writeLockFor(int fd);
-  BufferState* findBuffer(std::map<int, BufferState>& buffers, int fd);
-  bool allocateBuffer(std::map<int, BufferState>& buffers, int fd, bool read);
-  EpollCallback connectionCallbacks();
+  const char* tag() const { return options_.name.c_str(); }
+  std::shared_ptr<IpcConnection> find(int fd) const;
+  bool allocate(IpcConnection& connection, bool read) REQUIRES(connection.lock());
+  // A connection with the buffers its handlers need, set up for the socket;
+  // nullptr (logged) when an accepted one cannot get its buffers.
+  std::shared_ptr<IpcConnection> openConnection(android::base::unique_fd fd, bool accepted);
+  bool registerConnection(const std::shared_ptr<IpcConnection>& connection);
   void setSocketBuffers(int fd);
-  int readLocked(int fd, bool& reconnect);
-  int closeConnection(int fd, bool& reconnect, bool* failed = nullptr);
+  int receive(IpcConnection& connection, bool* closeIt, bool* wantWrite)
+      REQUIRES(connection.lock());
+  int flush(IpcConnection& connection, const epoll_event& event) REQUIRES(connection.lock());
   int sendFailed(const epoll_event& event, int fd);
-  void reconnect();
+  // Logs "Not allocate read/write buffer"; -1.
+  int missingBuffer(int fd, bool read);
+  // Unregisters, closes and frees the connection, tells the user, and in
+  // client mode connects again. False when closing failed.
+  bool closeConnection(const std::shared_ptr<IpcConnection>& connection, bool fromRead);
+
+  const UnixIpcOptions options_;
+  std::unique_ptr<EpollManager> epollManager_;
+  std::atomic<int> socketFd_{-1};
+  mutable Tavo::Mutex lock_;
+  android::base::unique_fd listener_ GUARDED_BY(lock_);
+  std::map<int, std::shared_ptr<IpcConnection>> connections_ GUARDED_BY(lock_);
 };

@@ -1,28 +1,50 @@
-// The epoll loop over real socket pairs: callback order, write readiness,
-// writeEventNow, start and stop.
+// The epoll loop over a real socket pair: which callbacks a pass calls,
+// write readiness on demand, writeEventNow, construction.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <android-base/unique_fd.h>
+
 #include <atomic>
 #include <string>
+#include <vector>
 
 #include "ipc/epoll_manager.h"
-#include "tests/support/wait.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/wait.h"
 
 using tavo_test::WaitFor;
 
 namespace {
 
-struct SocketPair {
-  SocketPair() { socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds); }
-  ~SocketPair() {
-    close(fds[0]);
-    close(fds[1]);
+// A started loop watching one end of a socket pair; counts its callbacks.
+struct Loop {
+  explicit Loop(std::function<int()> onWrite, int readResult = kIpcCallbackOk) {
+    int fds[2];
+    socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds);
+    ours.reset(fds[0]);
+    peer.reset(fds[1]);
+    EpollCallback callbacks;
+    callbacks.readable = [this, readResult](epoll_event event) {
+      char buf[64];
+      while (read(event.data.fd, buf, sizeof(buf)) > 0) {
+      }
+      manager.markWriteEventFinish(event.data.fd);  // the writer may run only in this pass
+      return ++reads, readResult;
+    };
+    callbacks.writable = [this, onWrite](epoll_event) { return ++writes, onWrite(); };
+    callbacks.close = [this](epoll_event event) { return manager.delMonitorFd(event.data.fd), ++closes; };
+    EXPECT_TRUE(manager.addMonitorFd(ours, callbacks));
   }
-  int fds[2] = {-1, -1};
+  // Lets the loop run a few more passes, so a callback that should not come
+  // again has had its chance.
+  static void Settle() { std::this_thread::sleep_for(std::chrono::milliseconds(50)); }
+
+  android::base::unique_fd ours, peer;
+  std::atomic<int> reads{0}, writes{0}, closes{0};
+  EpollManager manager{EpollOptions{10, 32, nullptr, "IpcEpollT", tavo_test::AllCpus(), -1}};
 };
 
 TEST(EpollManagerTest, ConstructionFormsAndStartCallback) {
@@ -30,182 +52,91 @@ TEST(EpollManagerTest, ConstructionFormsAndStartCallback) {
   cpu_set_t none;
   CPU_ZERO(&none);
   std::atomic<int> starts{0};
-  std::string threadName;
+  std::string threadName(16, '\0');
   {
-    EpollManager manager(10, 32, [&] {
-      char buf[16] = {};
-      prctl(PR_GET_NAME, buf, 0, 0, 0);
-      threadName = buf;
-      return ++starts;
-    }, "IpcEpollT", none, -1);
-    EXPECT_EQ(log.Count("[EpollManager] cpu affinity invalid!", ANDROID_LOG_ERROR), 1);
-    EXPECT_STREQ(manager.getName(), "IpcEpollT");
+    EpollManager manager(10, 32, [&] { return prctl(PR_GET_NAME, &threadName[0], 0, 0, 0), ++starts; }, "IpcEpollT",
+                         none, -1);
     manager.start();
-    manager.start();  // a second start does not start a second thread
+    manager.start();  // one loop thread per manager
     ASSERT_TRUE(WaitFor([&] { return starts.load() == 1; }));
   }
-  EXPECT_EQ(threadName, "IpcEpollT");
-  EXPECT_EQ(log.Count("[EpollManager] main thread starting...", ANDROID_LOG_INFO), 2);
-
+  EXPECT_STREQ(threadName.c_str(), "IpcEpollT");
   EpollManager named(10, 32, nullptr, "Named", -1);
   EpollManager unnamed(10, 32, nullptr, -1);  // never started: destruction must not hang
+  EXPECT_STREQ(named.getName(), "Named");
   EXPECT_STREQ(unnamed.getName(), "BpfUtils");
-  EXPECT_EQ(log.Count("[EpollManager] cpu affinity invalid!"), 1);
+  tavo_test::ExpectLogged(log, {{"[EpollManager] cpu affinity invalid!", ANDROID_LOG_ERROR, 1},
+                                {"[EpollManager] main thread starting...", ANDROID_LOG_INFO, 2}});
 }
 
-TEST(EpollManagerTest, ReadableResultGatesWritableInSamePass) {
-  // The readable callback turns write readiness off; the writable callback
-  // still runs in this pass only when readable returned 0.
-  for (int readResult : {0, 1, -1}) {
-    SocketPair pair;
-    EpollManager manager(10, 32, nullptr, "IpcEpollT", tavo_test::AllCpus(), -1);
-    std::atomic<int> reads{0};
-    std::atomic<int> writes{0};
-    EpollCallback callbacks;
-    callbacks.readable = [&](epoll_event event) {
-      char buf[64];
-      while (read(event.data.fd, buf, sizeof(buf)) > 0) {
-      }
-      manager.markWriteEventFinish(event.data.fd);
-      ++reads;
-      return readResult;
-    };
-    callbacks.writable = [&](epoll_event) {
-      ++writes;
-      return -3;
-    };
-    ASSERT_TRUE(manager.addMonitorFd(pair.fds[0], callbacks));
-    ASSERT_TRUE(manager.notifyWriteEventReady(pair.fds[0]));
-    ASSERT_EQ(write(pair.fds[1], "x", 1), 1);
-    manager.start();
-    ASSERT_TRUE(WaitFor([&] { return reads.load() == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(writes.load(), readResult == 0 ? 1 : 0) << "read result " << readResult;
+// Data and write readiness in one pass: the writable callback runs after
+// the readable one only when it returned 0; a hang-up calls close alone.
+TEST(EpollManagerTest, ReadableResultGatesWritableAndHangUpCallsOnlyClose) {
+  for (int readResult : {kIpcCallbackOk, kIpcCallbackSkipWrite, kIpcCallbackFailed}) {
+    Loop loop([] { return kIpcCallbackPeerClosed; }, readResult);
+    ASSERT_TRUE(loop.manager.notifyWriteEventReady(loop.ours));
+    ASSERT_EQ(write(loop.peer, "x", 1), 1);
+    loop.manager.start();
+    ASSERT_TRUE(WaitFor([&] { return loop.reads.load() == 1; }));
+    Loop::Settle();
+    EXPECT_EQ(loop.writes.load(), readResult == kIpcCallbackOk ? 1 : 0) << "read result " << readResult;
+    shutdown(loop.peer, SHUT_RDWR);
+    ASSERT_TRUE(WaitFor([&] { return loop.closes.load() == 1; }));
+    Loop::Settle();
+    EXPECT_EQ(loop.reads.load(), 1);
+    EXPECT_EQ(loop.closes.load(), 1);
   }
 }
 
 TEST(EpollManagerTest, WriteReadinessArmedOnlyWhileWanted) {
   tavo_test::LogCapture log;
-  SocketPair pair;
-  const int fd = pair.fds[0];
-  EpollManager manager(10, 32, nullptr, "IpcEpollT", tavo_test::AllCpus(), -1);
-  std::atomic<int> writes{0};
   std::atomic<int> zeroes{3};
   std::atomic<bool> renotifyOnce{false};
-  EpollCallback callbacks;
-  callbacks.writable = [&](epoll_event event) {
-    ++writes;
+  Loop* self = nullptr;
+  Loop loop([&] {
     // A producer that queues while the writer finishes must not be lost.
-    if (renotifyOnce.exchange(false)) {
-      manager.notifyWriteEventReady(event.data.fd);
-      return -3;
-    }
-    return zeroes.fetch_sub(1) > 0 ? 0 : -3;
-  };
-  ASSERT_TRUE(manager.addMonitorFd(fd, callbacks));
-  manager.start();
-  const int tid = tavo_test::FindThread("IpcEpollT");
-  const long cpuBefore = tavo_test::ThreadCpuMs(tid);
-
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_EQ(writes.load(), 0);  // writable socket, but nobody asked
-  ASSERT_TRUE(manager.notifyWriteEventReady(fd));
-  ASSERT_TRUE(WaitFor([&] { return writes.load() >= 4; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_EQ(writes.load(), 4);  // 0, 0, 0, then -3 turned it off
-
+    if (renotifyOnce.exchange(false)) self->manager.notifyWriteEventReady(self->ours);
+    return zeroes.fetch_sub(1) > 0 ? kIpcCallbackOk : kIpcCallbackPeerClosed;
+  });
+  self = &loop;
+  loop.manager.start();
+  Loop::Settle();
+  EXPECT_EQ(loop.writes.load(), 0);  // writable socket, but nobody asked
+  ASSERT_TRUE(loop.manager.notifyWriteEventReady(loop.ours));
+  ASSERT_TRUE(loop.manager.notifyWriteEventReady(loop.ours));  // already on: no second change
+  ASSERT_TRUE(WaitFor([&] { return loop.writes.load() >= 4; }));
+  Loop::Settle();
+  EXPECT_EQ(loop.writes.load(), 4);  // 0, 0, 0, then -3 turned it off
   renotifyOnce = true;
-  ASSERT_TRUE(manager.notifyWriteEventReady(fd));
-  ASSERT_TRUE(WaitFor([&] { return writes.load() >= 6; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_EQ(writes.load(), 6);
-  EXPECT_LT(tavo_test::ThreadCpuMs(tid) - cpuBefore, 200);
+  ASSERT_TRUE(loop.manager.notifyWriteEventReady(loop.ours));
+  ASSERT_TRUE(WaitFor([&] { return loop.writes.load() >= 6; }));
+  Loop::Settle();
+  EXPECT_EQ(loop.writes.load(), 6);
 
-  EXPECT_TRUE(manager.markWriteEventFinish(fd));
-  EXPECT_FALSE(manager.notifyWriteEventReady(999));
-  EXPECT_FALSE(manager.markWriteEventFinish(999));
-  EXPECT_EQ(log.Count("[EpollManager][notifyWriteEventReady] the socket fd does not exist"), 1);
-  EXPECT_EQ(log.Count("[EpollManager][markWriteEventFinish] the socket fd does not exist"), 1);
-  EXPECT_TRUE(manager.delMonitorFd(fd));
-  EXPECT_FALSE(manager.delMonitorFd(fd));
-  EXPECT_EQ(log.Count("[EpollManager] Epoll del fd from epoll failed: "), 1);
+  EXPECT_FALSE(loop.manager.notifyWriteEventReady(999));
+  EXPECT_FALSE(loop.manager.markWriteEventFinish(999));
+  EXPECT_FALSE(loop.manager.addMonitorFd(-1, EpollCallback()));
+  tavo_test::ExpectLogged(log, {{"[EpollManager][notifyWriteEventReady] the socket fd does not exist", -1, 1},
+                                {"[EpollManager][markWriteEventFinish] the socket fd does not exist", -1, 1},
+                                {"[EpollManager] Epoll add monitor fd failed: ", -1, 1}});
 }
 
-TEST(EpollManagerTest, NotifyTwiceIsOneChange) {
-  SocketPair pair;
-  EpollManager manager(10, 32, nullptr, "IpcEpollT", tavo_test::AllCpus(), -1);
-  std::atomic<int> writes{0};
-  EpollCallback callbacks;
-  callbacks.writable = [&](epoll_event) { return ++writes, -3; };
-  ASSERT_TRUE(manager.addMonitorFd(pair.fds[0], callbacks));
-  ASSERT_TRUE(manager.notifyWriteEventReady(pair.fds[0]));
-  ASSERT_TRUE(manager.notifyWriteEventReady(pair.fds[0]));
-  manager.start();
-  ASSERT_TRUE(WaitFor([&] { return writes.load() >= 1; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_EQ(writes.load(), 1);
-}
-
+// writeEventNow calls the writable callback (mask 0) until it fails (false)
+// or has nothing more to write (true).
 TEST(EpollManagerTest, WriteEventNowRunsUntilDoneOrFailed) {
-  tavo_test::LogCapture log;
-  SocketPair pair;
-  EpollManager manager(10, 32, nullptr, "IpcEpollT", tavo_test::AllCpus(), -1);
-  EXPECT_FALSE(manager.writeEventNow(pair.fds[0]));
-  EXPECT_EQ(log.Count("[EpollManager][notifyWriteEventReady] the socket fd does not exist"), 1);
-
   struct Case {
     std::vector<int> results;
     bool want;
   };
   for (const Case& c : {Case{{0, 0, -3}, true}, Case{{5, -1}, false}, Case{{-3}, true}}) {
     size_t calls = 0;
-    uint32_t mask = 1;
-    EpollCallback callbacks;
-    callbacks.writable = [&](epoll_event event) {
-      mask = event.events;
-      EXPECT_EQ(event.data.fd, pair.fds[0]);
-      return c.results[calls++];
-    };
-    ASSERT_TRUE(manager.addMonitorFd(pair.fds[0], callbacks));
-    EXPECT_EQ(manager.writeEventNow(pair.fds[0]), c.want);
+    Loop loop([&] { return c.results[calls++]; });
+    EXPECT_EQ(loop.manager.writeEventNow(loop.ours), c.want);
     EXPECT_EQ(calls, c.results.size());
-    EXPECT_EQ(mask, 0u);
-    ASSERT_TRUE(manager.delMonitorFd(pair.fds[0]));
+    ASSERT_TRUE(loop.manager.delMonitorFd(loop.ours));
+    EXPECT_FALSE(loop.manager.delMonitorFd(loop.ours));
+    EXPECT_FALSE(loop.manager.writeEventNow(loop.ours));  // no longer registered
   }
-  EpollCallback readOnly;
-  readOnly.readable = [](epoll_event) { return 0; };
-  ASSERT_TRUE(manager.addMonitorFd(pair.fds[0], readOnly));
-  EXPECT_FALSE(manager.writeEventNow(pair.fds[0]));
-  EXPECT_FALSE(manager.notifyWriteEventReady(pair.fds[0]));
-  EXPECT_FALSE(manager.addMonitorFd(-1, readOnly));
-  EXPECT_EQ(log.Count("[EpollManager] Epoll add monitor fd failed: "), 1);
-}
-
-TEST(EpollManagerTest, HangUpCallsOnlyClose) {
-  SocketPair pair;
-  EpollManager manager(10, 32, nullptr, "IpcEpollT", tavo_test::AllCpus(), -1);
-  std::atomic<int> closes{0};
-  std::atomic<int> reads{0};
-  EpollCallback callbacks;
-  callbacks.readable = [&](epoll_event event) {
-    char buf[16];
-    while (read(event.data.fd, buf, sizeof(buf)) > 0) {
-    }
-    return ++reads, 0;
-  };
-  callbacks.close = [&](epoll_event event) {
-    manager.delMonitorFd(event.data.fd);
-    return ++closes, 0;
-  };
-  ASSERT_TRUE(manager.addMonitorFd(pair.fds[0], callbacks));
-  manager.start();
-  ASSERT_EQ(write(pair.fds[1], "bye", 3), 3);
-  shutdown(pair.fds[1], SHUT_RDWR);
-  ASSERT_TRUE(WaitFor([&] { return closes.load() == 1; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
-  EXPECT_EQ(closes.load(), 1);
-  EXPECT_LE(reads.load(), 1);  // data and hang-up may arrive in separate passes
-  manager.stop();
 }
 
 }  // namespace

@@ -12,9 +12,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "ipc/ipc_buffer_state.h"
+#include "ipc/ipc_callback_result.h"
+#include "ipc/ipc_frame.h"
 #include "ipc/ipc_package.h"
 #include "ipc/unix_ipc_manager.h"
 
@@ -45,13 +48,6 @@ int ProbeService(const std::string& path) {
   return ::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), len) == 0 ? 0 : -1;
 }
 
-cpu_set_t CallerCpus() {
-  cpu_set_t cpus;
-  CPU_ZERO(&cpus);
-  if (sched_getaffinity(0, sizeof(cpus), &cpus) != 0) CPU_SET(0, &cpus);
-  return cpus;
-}
-
 }  // namespace
 
 // The socket layer in client mode; its connect() is the one place that knows
@@ -59,39 +55,52 @@ cpu_set_t CallerCpus() {
 class TavoClient::Ipc : public UnixIpcManager {
  public:
   Ipc(TavoClient* owner, IpcHandlerState handlers)
-      : UnixIpcManager(false, owner->options.bufferSize, owner->options.socketPath,
-                       std::move(handlers), "TavoClient", CallerCpus(), 4, 16),
-        owner(owner) {}
+      : UnixIpcManager(SocketOptions(owner->options_, std::move(handlers))), owner_(owner) {}
+  // The loop calls connect() on a lost connection: it must end before this
+  // part of the object does.
+  ~Ipc() override { join(); }
 
   bool connect() override {
     if (!UnixIpcManager::connect()) return false;
-    owner->onConnected(this, getSocketFd());
+    owner_->onConnected(this, getSocketFd());
     return true;
   }
 
  private:
-  TavoClient* owner;
+  static UnixIpcOptions SocketOptions(const Options& client, IpcHandlerState handlers) {
+    UnixIpcOptions options;
+    options.isServer = false;
+    options.bufferSize = client.bufferSize;
+    options.path = client.socketPath;
+    options.handlers = std::move(handlers);
+    options.name = "TavoClient";  // on the caller's CPUs
+    options.epollSize = 4;
+    options.maxEvents = 16;
+    return options;
+  }
+
+  TavoClient* owner_;
 };
 
 TavoClient::TavoClient(EventCallback onEvent) : TavoClient(std::move(onEvent), Options()) {}
 
 TavoClient::TavoClient(EventCallback onEvent, Options options)
-    : onEvent(std::move(onEvent)), options(std::move(options)) {}
+    : onEvent_(std::move(onEvent)), options_(std::move(options)) {}
 
 TavoClient::~TavoClient() { Close(); }
 
-void TavoClient::SetRawCallback(RawCallback callback) { onRaw = std::move(callback); }
+void TavoClient::SetRawCallback(RawCallback callback) { onRaw_ = std::move(callback); }
 
 void TavoClient::SetConnectionCallback(ConnectionCallback callback) {
-  onConnection = std::move(callback);
+  onConnection_ = std::move(callback);
 }
 
 int TavoClient::Connect() {
-  if (ipc != nullptr) {
+  if (ipc_ != nullptr) {
     errno = EALREADY;
     return -1;
   }
-  if (!options.waitForService && ProbeService(options.socketPath) != 0) return -1;
+  if (!options_.waitForService && ProbeService(options_.socketPath) != 0) return -1;
   IpcHandlerState handlers;
   // Partial frames move to the front before each read; a broken stream
   // closes the connection, and the layer connects anew.
@@ -102,32 +111,32 @@ int TavoClient::Connect() {
   };
   handlers.write = [this](int fd, BufferState* send) { return onWritable(fd, send); };
   handlers.close = [this](int fd) { return onClose(fd); };
-  received = 0;
-  ipc = std::make_unique<Ipc>(this, std::move(handlers));
-  ipc->start();
+  received_ = 0;
+  ipc_ = std::make_unique<Ipc>(this, std::move(handlers));
+  ipc_->start();
   return 0;
 }
 
 void TavoClient::Close() {
-  if (ipc == nullptr) return;
-  ipc->stop();
-  ipc.reset();  // joins the socket thread
-  connected = false;
+  if (ipc_ == nullptr) return;
+  ipc_->stop();
+  ipc_.reset();  // joins the socket thread
+  connected_ = false;
 }
 
 int TavoClient::Subscribe(uint32_t code) {
   const int result = request(kRegister, code);
   if (result == 0) {
-    std::lock_guard<std::mutex> guard(subscriptionLock);
-    subscriptions.insert(code);
+    Tavo::MutexLock guard(subscriptionLock_);
+    subscriptions_.insert(code);
   }
   return result;
 }
 
 int TavoClient::Unsubscribe(uint32_t code) {
   {
-    std::lock_guard<std::mutex> guard(subscriptionLock);
-    subscriptions.erase(code);
+    Tavo::MutexLock guard(subscriptionLock_);
+    subscriptions_.erase(code);
   }
   return request(kUnregister, code);
 }
@@ -138,18 +147,18 @@ bool TavoClient::queueRequest(const char* command, uint32_t code, uint32_t reqId
   strncpy(req.header + kCommandOffset, command, kCommandWidth - 1);
   req.dataLength = sizeof(code);
   req.data = reinterpret_cast<char*>(&code);
-  return outgoing.appendReqIpcPackage(&req);
+  return outgoing_.appendReqIpcPackage(&req);
 }
 
 void TavoClient::flush() {
-  if (ipc == nullptr) return;
-  const int fd = ipc->getSocketFd();
+  if (ipc_ == nullptr) return;
+  const int fd = ipc_->getSocketFd();
   // Not connected yet: onConnected() flushes once the connection is made.
-  if (fd >= 0) ipc->notifyNeedWriteData(fd);
+  if (fd >= 0) ipc_->notifyNeedWriteData(fd);
 }
 
 int TavoClient::request(const char* command, uint32_t code) {
-  if (ipc == nullptr) {
+  if (ipc_ == nullptr) {
     errno = ENOTCONN;
     return -1;
   }
@@ -160,8 +169,8 @@ int TavoClient::request(const char* command, uint32_t code) {
     int result = 0;
   };
   auto waiter = std::make_shared<Waiter>();
-  const uint32_t reqId = requests.getReqId();
-  requests.addIpcReqCallBack(reqId, [waiter](uint32_t, int result, char*, uint32_t) {
+  const uint32_t reqId = requests_.getReqId();
+  requests_.addIpcReqCallBack(reqId, [waiter](uint32_t, int result, char*, uint32_t) {
     std::lock_guard<std::mutex> guard(waiter->lock);
     waiter->done = true;
     waiter->result = result;
@@ -169,22 +178,22 @@ int TavoClient::request(const char* command, uint32_t code) {
     return 0;
   });
   if (!queueRequest(command, code, reqId)) {
-    requests.delIpcReq(reqId);
+    requests_.delIpcReq(reqId);
     errno = ENOMEM;
     return -1;
   }
   flush();
   std::unique_lock<std::mutex> guard(waiter->lock);
-  waiter->cond.wait_for(guard, std::chrono::milliseconds(options.requestTimeoutMs),
+  waiter->cond.wait_for(guard, std::chrono::milliseconds(options_.requestTimeoutMs),
                         [&] { return waiter->done; });
   if (!waiter->done) {
     guard.unlock();
     // The response callback runs under the manager's lock, so once this
     // returns it has either run completely or never will.
-    requests.delIpcReq(reqId);
+    requests_.delIpcReq(reqId);
     guard.lock();
     if (!waiter->done) {
-      errno = connected ? ETIMEDOUT : ENOTCONN;
+      errno = connected_ ? ETIMEDOUT : ENOTCONN;
       return -1;
     }
   }
@@ -196,66 +205,54 @@ int TavoClient::request(const char* command, uint32_t code) {
 }
 
 void TavoClient::onConnected(UnixIpcManager* manager, int fd) {
-  connected = true;
-  if (++connections > 1) {
+  connected_ = true;
+  if (++connections_ > 1) {
     // A new connection knows nothing of us: ask again for what we had.
-    std::lock_guard<std::mutex> guard(subscriptionLock);
-    for (uint32_t code : subscriptions) {
-      const uint32_t reqId = requests.getReqId();
-      requests.addIpcReqCallBack(reqId, IpcReqCallBack());  // answer consumed unseen
-      if (!queueRequest(kRegister, code, reqId)) requests.delIpcReq(reqId);
+    Tavo::MutexLock guard(subscriptionLock_);
+    for (uint32_t code : subscriptions_) {
+      const uint32_t reqId = requests_.getReqId();
+      requests_.addIpcReqCallBack(reqId, IpcReqCallBack());  // answer consumed unseen
+      if (!queueRequest(kRegister, code, reqId)) requests_.delIpcReq(reqId);
     }
   }
-  if (onConnection) onConnection(true);
+  if (onConnection_) onConnection_(true);
   manager->notifyNeedWriteData(fd);
 }
 
 int TavoClient::onClose(int) {
-  connected = false;
-  if (onConnection) onConnection(false);
+  connected_ = false;
+  if (onConnection_) onConnection_(false);
   return 0;
 }
 
 int TavoClient::onWritable(int, BufferState* send) {
-  while (outgoing.fillNextIpcPackageToBuffer(send)) {
+  while (outgoing_.fillNextIpcPackageToBuffer(send)) {
   }
   return 0;
 }
 
 int TavoClient::onReadable(int, BufferState* receive, BufferState*) {
-  while (receive->cursor < receive->length) {
-    int64_t headerLength = 0;
-    int64_t bodyLength = 0;
-    if (!CheckIpcPackageComplete(receive, headerLength, bodyLength)) return 0;
-    if (bodyLength < 0) return -1;  // not a stream from the service
-    const char* payload = receive->data + receive->cursor + headerLength;
-    if (bodyLength >= kIpcCommandHeaderSize) {
-      uint32_t command = 0;
-      uint32_t dataLength = 0;
-      memcpy(&command, payload, sizeof(command));
-      memcpy(&dataLength, payload + 4, sizeof(dataLength));
-      const char* data = payload + kIpcCommandHeaderSize;
-      // A package claiming more than its frame holds is skipped, not read.
-      if (dataLength <= bodyLength - kIpcCommandHeaderSize) {
-        if (command == IPC_COMMAND_RESPONSE && dataLength >= kResponseRecord) {
-          TavoRespIpcPackage response{};
-          memcpy(&response.reqId, data, 4);
-          memcpy(&response.result, data + 4, 4);
-          requests.handleReqCallBack(&response);
-        } else if (command == IPC_COMMAND_EVENT) {
-          deliver(data, dataLength);
-        }
-      }
+  ForEachIpcFrame(receive, [this](const IpcFrame& frame) {
+    IpcCommand command;
+    // A package claiming more than its frame holds is skipped, not read.
+    if (!ParseIpcCommand(frame, &command) || !command.dataFits()) return true;
+    if (command.code == IPC_COMMAND_RESPONSE && command.dataLength >= kResponseRecord) {
+      TavoRespIpcPackage response{};
+      memcpy(&response.reqId, command.data, 4);
+      memcpy(&response.result, command.data + 4, 4);
+      requests_.handleReqCallBack(&response);
+    } else if (command.code == IPC_COMMAND_EVENT) {
+      deliver(command.data, command.dataLength);
     }
-    receive->cursor += headerLength + bodyLength;
-  }
-  return 0;
+    return true;
+  });
+  return kIpcCallbackOk;
 }
 
 void TavoClient::deliver(const char* data, size_t length) {
-  ++received;
-  if (onRaw) onRaw(data, length);
-  if (onEvent) onEvent(DecodeEvent(data, length));
+  ++received_;
+  if (onRaw_) onRaw_(data, length);
+  if (onEvent_) onEvent_(DecodeEvent(data, length));
 }
 
 }  // namespace Tavo::Client

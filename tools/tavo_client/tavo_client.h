@@ -14,13 +14,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 
 #include "ipc/ipc_package_manager.h"
 #include "ipc/ipc_req_callback_manager.h"
 #include "tools/tavo_client/tavo_event_decoder.h"
+#include "util/tavo_mutex.h"
 
 class UnixIpcManager;
 struct BufferState;
@@ -67,9 +67,9 @@ class TavoClient {
   // Stops the socket thread; no callback runs after it returns.
   void Close();
 
-  bool IsConnected() const { return connected.load(); }
+  bool IsConnected() const { return connected_.load(); }
   // Events received and events that failed to decode, since Connect().
-  uint64_t ReceivedCount() const { return received.load(); }
+  uint64_t ReceivedCount() const { return received_.load(); }
 
  private:
   class Ipc;
@@ -85,18 +85,18 @@ class TavoClient {
   int onClose(int fd);
   void deliver(const char* data, size_t length);
 
-  EventCallback onEvent;
-  RawCallback onRaw;
-  ConnectionCallback onConnection;
-  Options options;
-  std::unique_ptr<Ipc> ipc;
-  IpcPackageManager outgoing;
-  IpcReqCallBackManager requests;
-  std::mutex subscriptionLock;
-  std::set<uint32_t> subscriptions;
-  std::atomic<bool> connected{false};
-  std::atomic<uint64_t> connections{0};
-  std::atomic<uint64_t> received{0};
+  EventCallback onEvent_;
+  RawCallback onRaw_;
+  ConnectionCallback onConnection_;
+  Options options_;
+  std::unique_ptr<Ipc> ipc_;
+  IpcPackageManager outgoing_;
+  IpcReqCallBackManager requests_;
+  Tavo::Mutex subscriptionLock_;
+  std::set<uint32_t> subscriptions_ GUARDED_BY(subscriptionLock_);
+  std::atomic<bool> connected_{false};
+  std::atomic<uint64_t> connections_{0};
+  std::atomic<uint64_t> received_{0};
 };
 
 }  // namespace Tavo::Client
