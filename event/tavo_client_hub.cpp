@@ -1,7 +1,11 @@
 #include "event/tavo_client_hub.h"
 
+#include <algorithm>
 #include <cstring>
 #include <map>
+
+#include "ipc/ipc_frame.h"
+#include "ipc/ipc_package.h"
 
 #include "util/tavo_log.h"
 #include "util/tavo_strings.h"
@@ -19,12 +23,6 @@ constexpr long kEventTypeOffset = 40;
 // reqId, command text, further header words, then the 32-bit event type.
 constexpr long kRequestLength = kEventTypeOffset + 4;
 
-// Frame length, command code and data length, then reqId, result and the
-// response's own data length.
-constexpr int64_t kReplyFrameLength = 20;
-constexpr uint32_t kReplyCommand = 1;
-constexpr uint32_t kReplyDataLength = 12;
-constexpr int64_t kReplySize = 8 + kReplyFrameLength;
 
 }  // namespace
 
@@ -71,30 +69,23 @@ int TavoClientHub::onClientLibConnection(int fd) {
 }
 
 int TavoClientHub::onClientLibReadable(int fd, BufferState* receive, BufferState* send) {
-  if (receive->cursor >= receive->length) return 0;
-  for (;;) {
-    int64_t numSize = 0;
-    int64_t dataSize = 0;
-    if (!CheckIpcPackageComplete(receive, numSize, dataSize)) return 0;
-    const int result = dataSize < 0 ? -1
-                                    : packageHandler_->handleSecondIpcPackage(
-                                          fd, receive->data + receive->cursor + numSize,
-                                          static_cast<long>(dataSize), send);
-    if (result == -1) {
-      TAVO_LOGE(kServiceTag,
-                "[TavoBpfService] Resv event: bufferCursor (%zd), numSize (%ld), dataSize (%ld), readCount (%zd)",
-                static_cast<ssize_t>(receive->cursor), static_cast<long>(numSize), static_cast<long>(dataSize),
-                static_cast<ssize_t>(receive->length));
-      // Never dump past the bytes actually received.
-      int64_t dumpLength = numSize + (dataSize < 0 ? 0 : dataSize);
-      if (dumpLength > receive->length - receive->cursor) dumpLength = receive->length - receive->cursor;
-      TAVO_LOGE(kServiceTag, "[TavoBpfService] BUFFER HEXDUMP: %s",
-                ConvertToHexString(receive->data + receive->cursor, static_cast<int>(dumpLength)).c_str());
-      return -1;
+  int64_t failedLength = 0;
+  const bool ok = ForEachIpcFrame(receive, [&](const IpcFrame& frame) {
+    if (packageHandler_->handleSecondIpcPackage(fd, frame.payload, static_cast<long>(frame.bodyLength), send) != -1) {
+      return true;
     }
-    receive->cursor += numSize + dataSize;
-    if (receive->cursor >= receive->length) return 0;
-  }
+    failedLength = frame.headerLength + frame.bodyLength;
+    return false;
+  });
+  if (ok) return 0;
+  TAVO_LOGE(kServiceTag, "[TavoBpfService] Resv event: bufferCursor (%zd), numSize (%ld), dataSize (%ld), readCount (%zd)",
+            static_cast<ssize_t>(receive->cursor), static_cast<long>(kIpcFrameHeaderSize),
+            static_cast<long>(failedLength - kIpcFrameHeaderSize), static_cast<ssize_t>(receive->length));
+  // Never dump past the bytes actually received.
+  const int64_t dumpLength = std::min(failedLength, receive->length - receive->cursor);
+  TAVO_LOGE(kServiceTag, "[TavoBpfService] BUFFER HEXDUMP: %s",
+            ConvertToHexString(receive->data + receive->cursor, static_cast<int>(dumpLength)).c_str());
+  return -1;
 }
 
 int TavoClientHub::onClientLibWriteable(int fd, BufferState* send) {
@@ -124,19 +115,11 @@ int TavoClientHub::onEventProvideReqCallBack(int fd, char* data, long length, Bu
       if (events_.DelObserverEvent(fd, eventType)) result = 0;
     }
   }
-  if (send->capacity - send->length < kReplySize + 1) {
-    TAVO_LOGE(kServiceTag, "Send data size too big! ");
-    return 0;
-  }
+  // The compact 12-byte response record: reqId, result, its data length 0.
   const uint32_t replyDataLength = 0;
-  char* out = send->data + send->length;
-  memcpy(out, &kReplyFrameLength, 8);
-  memcpy(out + 8, &kReplyCommand, 4);
-  memcpy(out + 12, &kReplyDataLength, 4);
-  memcpy(out + 16, &reqId, 4);
-  memcpy(out + 20, &result, 4);
-  memcpy(out + 24, &replyDataLength, 4);
-  send->length += kReplySize;
+  if (!AppendIpcCommandFrame(send, IPC_COMMAND_RESPONSE, {{&reqId, 4}, {&result, 4}, {&replyDataLength, 4}}, true)) {
+    TAVO_LOGE(kServiceTag, "Send data size too big! ");
+  }
   return 0;
 }
 

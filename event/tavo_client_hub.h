@@ -45,16 +45,16 @@ class TavoClientHub {
   int AppendEvent(const char* data, unsigned long size) { return events_.AppendEvent(data, size); }
   EventManager& events() { return events_; }
 
-  // Command 0: "register-event-monitor" / "unregister-event-monitor" with
-  // an event code; writes the 28-byte reply into send. Socket thread.
-  int onEventProvideReqCallBack(int fd, char* data, long length, BufferState* send);
-
- private:
-  // Socket-thread callbacks.
+  // The socket manager's callbacks; socket thread only.
   int onClientLibConnection(int fd);
   int onClientLibReadable(int fd, BufferState* receive, BufferState* send);
   int onClientLibWriteable(int fd, BufferState* send);
   int onClientLibClose(int fd);
+  // Command 0: "register-event-monitor" / "unregister-event-monitor" with
+  // an event code; writes the 28-byte reply into send.
+  int onEventProvideReqCallBack(int fd, char* data, long length, BufferState* send);
+
+ private:
 
   EventManager events_;
   std::unique_ptr<IpcPackageHandler> packageHandler_;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "event/tavo_client_hub.h"
+#include "ipc/ipc_frame.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/records.h"
 #include "tests/support/test_env.h"
@@ -19,17 +20,13 @@ using namespace Tavo::Bpf;
 namespace {
 
 // Whole frames in a send buffer: (command, data) of each.
-std::vector<std::pair<uint32_t, std::string>> Frames(const BufferState& buffer) {
+std::vector<std::pair<uint32_t, std::string>> Frames(BufferState buffer) {
   std::vector<std::pair<uint32_t, std::string>> out;
-  for (int64_t at = 0; at + 16 <= buffer.length;) {
-    int64_t length;
-    uint32_t command, dataLength;
-    memcpy(&length, buffer.data + at, 8);
-    memcpy(&command, buffer.data + at + 8, 4);
-    memcpy(&dataLength, buffer.data + at + 12, 4);
-    out.emplace_back(command, std::string(buffer.data + at + 16, dataLength));
-    at += 8 + length;
-  }
+  ForEachIpcFrame(&buffer, [&](const IpcFrame& frame) {
+    IpcCommand command;
+    if (ParseIpcCommand(frame, &command)) out.emplace_back(command.code, std::string(command.data, command.dataLength));
+    return true;
+  });
   return out;
 }
 
