@@ -1,16 +1,10 @@
 // tavoctl as a child process against the service running in this process.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <android-base/unique_fd.h>
-
-#include <chrono>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -22,6 +16,7 @@
 #include "task/tavo_bpf_task_manager.h"
 #include "tests/subs_test_util.h"
 #include "tests/support/task_records.h"
+#include "tests/support/tavoctl_child.h"
 #include "tests/support/test_env.h"
 #include "tools/tavo_cli/tavoctl_service_finder.h"
 
@@ -29,95 +24,9 @@ using namespace Tavo::Bpf;
 using subs_test::InProcessService;
 using subs_test::Subscribers;
 using subs_test::WaitFor;
+using tavo_test::Child;
 
 namespace {
-
-// A running tavoctl with its output on pipes.
-class Child {
- public:
-  explicit Child(std::vector<std::string> args) {
-    int out[2], err[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return;
-    pid = fork();
-    if (pid == 0) {
-      dup2(out[1], 1);
-      dup2(err[1], 2);
-      std::vector<char*> argv;
-      std::string path = TAVOCTL_PATH;
-      argv.push_back(path.data());
-      for (auto& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      execv(path.c_str(), argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    close(err[1]);
-    stdoutFd.reset(out[0]);
-    stderrFd.reset(err[0]);
-  }
-  ~Child() {
-    if (pid > 0) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-    }
-  }
-
-  // Reads stdout until it holds `lines` line breaks or the time is up.
-  std::vector<std::string> ReadLines(size_t lines, int timeoutMs = 5000) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (Count(out, '\n') < lines && std::chrono::steady_clock::now() < deadline) {
-      if (!ReadSome(stdoutFd.get(), &out, 50)) break;
-    }
-    std::vector<std::string> result;
-    size_t start = 0;
-    for (size_t nl = out.find('\n'); nl != std::string::npos; nl = out.find('\n', start)) {
-      result.push_back(out.substr(start, nl - start));
-      start = nl + 1;
-    }
-    return result;
-  }
-
-  // Waits for the exit status; drains both pipes.
-  int Finish(int timeoutMs = 10000) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) return -1;
-      ReadSome(stdoutFd.get(), &out, 20);
-      ReadSome(stderrFd.get(), &err, 0);
-    }
-    while (ReadSome(stdoutFd.get(), &out, 0)) {
-    }
-    while (ReadSome(stderrFd.get(), &err, 0)) {
-    }
-    pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-
-  void Signal(int sig) { kill(pid, sig); }
-  const std::string& Out() const { return out; }
-  const std::string& Err() const { return err; }
-
- private:
-  static size_t Count(const std::string& s, char c) {
-    size_t n = 0;
-    for (char x : s) n += x == c;
-    return n;
-  }
-  static bool ReadSome(int fd, std::string* into, int timeoutMs) {
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, timeoutMs) <= 0) return false;
-    char buf[4096];
-    const ssize_t n = read(fd, buf, sizeof(buf));
-    if (n <= 0) return false;
-    into->append(buf, static_cast<size_t>(n));
-    return true;
-  }
-
-  pid_t pid = -1;
-  android::base::unique_fd stdoutFd, stderrFd;
-  std::string out, err;
-};
 
 // Two watchers at once: JSON lines ended by SIGTERM, a text line by SIGINT.
 TEST(SubsCli, WatchPrintsJsonAndTextLinesAndEndsOnSignal) {
@@ -182,6 +91,11 @@ TEST(SubsCli, BadArgumentsAndHelp) {
       {{"dump", "everything"}, 2, "tavoctl: unknown dump 'everything'"},
       {{"dump", "tasks", "--pid", "x"}, 2, "--pid wants a positive number"},
       {{"frobnicate"}, 2, "tavoctl: unknown command 'frobnicate'"},
+      {{"help", "top"}, 0, "usage: tavoctl top"},
+      {{"top", "--sort", "cpu"}, 2, "--sort wants memory, dmabuf, threads, pid or swap"},
+      {{"top", "--batch", "--iterations", "0"}, 2, "--iterations wants a positive number"},
+      {{"top", "--iterations", "1"}, 2, "--iterations goes with --batch or --json"},
+      {{"top"}, 2, "top needs a terminal"},
       {{}, 2, "usage: tavoctl COMMAND"},
   };
   for (const Case& c : cases) {
@@ -237,6 +151,10 @@ TEST(SubsCli, WatchAndDumpWithoutServiceSaySoAtOnce) {
     EXPECT_EQ(child.Err(), "tavoctl: service not running (no socket /mnt/bpfframework/tavobpfdispatcher)\n");
     EXPECT_EQ(child.Out(), "");
   }
+  // top shows /proc without the service, and says so.
+  Child top({"top", "--batch", "--iterations", "1"});
+  EXPECT_EQ(top.Finish(), 0) << top.Err();
+  EXPECT_NE(top.Out().find("\nservice: NOT REACHABLE, reconnecting"), std::string::npos) << top.Out();
 }
 
 }  // namespace

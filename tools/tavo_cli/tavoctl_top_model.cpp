@@ -115,7 +115,7 @@ void TopModel::Reseed(const std::function<std::vector<ProcessRow>()>& scan) {
     seen.insert(row.pid);
     auto [it, inserted] = table.try_emplace(row.pid);
     Entry& entry = it->second;
-    if (!inserted && entry.endedAtMs >= 0) continue;  // read just before it ended
+    // An ended row stays ended: the scan saw a zombie or read just before the end.
     if (!inserted) row.dmabuf = entry.row.dmabuf;
     entry.row = std::move(row);
     entry.identified = true;
