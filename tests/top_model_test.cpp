@@ -76,6 +76,7 @@ TEST(TopModel, SortKeysAndNameFilter) {
 // New rows are highlighted for two seconds, ended rows dimmed for two, then
 // dropped; a process known only from its start notice is read from /proc
 // once, after half a second, and named by its end notice if it goes first.
+// The notices are counted per second.
 TEST(TopModel, StartAndEndTimingAndOneLookAtProc) {
   int64_t now = 100000;
   TopModel model([&now] { return now; });
@@ -99,6 +100,15 @@ TEST(TopModel, StartAndEndTimingAndOneLookAtProc) {
   EXPECT_EQ(StateOf(model, 8), "ended");
   now += TopModel::kIdentifyAfterMs;
   EXPECT_EQ(StateOf(model, 8), "gone");
+  // Notices per complete second, oldest first: second 100 is 58 of 60.
+  const Snapshot frame = model.Take();
+  EXPECT_EQ(frame.rates[0][58], 2u);
+  EXPECT_EQ(frame.rates[1][58], 1u);
+  EXPECT_EQ(frame.rates[0][59], 0u);
+  now = 161200;  // second 100's slot again
+  model.Apply(ProcessStartNotice{9, 1, 0, "later"});
+  now = 162000;
+  EXPECT_EQ(model.Take().rates[0].back(), 1u);
 }
 
 // A memory notice takes the sizes that moved since the service's previous

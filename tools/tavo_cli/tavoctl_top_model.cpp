@@ -202,8 +202,9 @@ Snapshot TopModel::Take() {
     line.assign(kRateSeconds, 0);
     for (int i = 0; i < kRateSeconds; ++i) {
       const int64_t second = current - kRateSeconds + i;
+      if (second < 0) continue;
       const RateSlot& slot = rates[static_cast<size_t>(second % static_cast<int64_t>(rates.size()))];
-      if (second >= 0 && slot.second == second) line[i] = slot.counts[kind];
+      if (slot.second == second) line[i] = slot.counts[kind];
     }
   }
   changed = false;
