@@ -111,7 +111,10 @@ int TavoClient::Connect() {
 void TavoClient::Close() {
   if (ipc == nullptr) return;
   ipc->stop();
-  ipc.reset();  // joins the socket thread
+  // Joined before the object goes: the base destructor joins too, but only
+  // after Ipc's part is gone, while the thread may still call its connect().
+  ipc->join();
+  ipc.reset();
   connected = false;
 }
 
