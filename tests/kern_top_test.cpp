@@ -8,7 +8,6 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-#include <android-base/file.h>
 #include <android-base/parsedouble.h>
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
@@ -16,7 +15,6 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <regex>
 #include <string>
 #include <vector>

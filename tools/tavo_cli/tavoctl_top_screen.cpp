@@ -54,9 +54,10 @@ void TopScreen::Draw(const Snapshot& frame, const std::vector<ViewRow>& rows, co
     if (line.alert) attroff(alert);
   }
   if (y < height - 1) {
+    const std::string titles = TopFormat::TableHeader(width);
     attron(A_REVERSE);
-    mvaddstr(y, 0, TopFormat::TableHeader(width).c_str());
-    mvhline(y, static_cast<int>(TopFormat::TableHeader(width).size()), ' ', width);
+    mvaddstr(y, 0, titles.c_str());
+    mvhline(y, static_cast<int>(titles.size()), ' ', width);
     attroff(A_REVERSE);
     ++y;
   }
@@ -72,11 +73,7 @@ void TopScreen::Draw(const Snapshot& frame, const std::vector<ViewRow>& rows, co
   // The last line: the filter being typed, or the keys.
   const std::string bottom = prompt.empty() ? kKeyHelp : prompt;
   mvaddnstr(height - 1, 0, bottom.c_str(), width - 1);
-  if (!prompt.empty()) {
-    curs_set(1);
-  } else {
-    curs_set(0);
-  }
+  curs_set(prompt.empty() ? 0 : 1);
   wnoutrefresh(stdscr);
   doupdate();
 }
