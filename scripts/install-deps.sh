@@ -8,6 +8,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   android-libbase-dev android-libcutils-dev android-liblog-dev
   libbpf-dev libbpfcc-dev bpftool linux-libc-dev libfmt-dev
+  libncurses-dev tmux
   "$@"
 )
 

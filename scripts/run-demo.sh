@@ -2,8 +2,10 @@
 # Live demo on this machine's kernel: installs what is missing, builds the
 # release preset, starts the daemon (which loads and pins the BPF objects)
 # and prints the service's notices as they happen, decoded by tavoctl,
-# until interrupted. Then stops the daemon, which removes its pins.
+# until interrupted, or shows them as a process table (tavoctl top) until q.
+# Then stops the daemon, which removes its pins.
 #   scripts/run-demo.sh [EVENT...]     (default: the notices; see tavoctl watch --help)
+#   scripts/run-demo.sh top [ARGS...]  (see tavoctl top --help)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -48,5 +50,10 @@ for _ in $(seq 50); do
   sleep 0.1
 done
 
+if [ "${1:-}" = top ]; then
+  shift
+  "$build/tools/tavo_cli/tavoctl" top "$@" || true
+  exit 0
+fi
 echo "run-demo: daemon pid $daemon (log: $log); Ctrl-C to stop"
 "$build/tools/tavo_cli/tavoctl" watch --wait "$@" || true

@@ -16,6 +16,7 @@
 #include "service/tavo_bpf_service.h"
 #include "tests/support/pump_object.h"
 #include "tests/support/records.h"
+#include "tests/support/tavoctl_child.h"
 #include "tests/support/test_env.h"
 #include "tests/support/wait.h"
 #include "tools/tavo_cli/tavoctl_service_finder.h"
@@ -24,75 +25,7 @@ using namespace Tavo::Bpf;
 
 namespace {
 
-// A running tavoctl with its output on pipes.
-class Tavoctl {
- public:
-  explicit Tavoctl(std::vector<std::string> args) {
-    int out[2], err[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return;
-    std::string path = tavo_test::BesideExecutable("../tools/tavo_cli/tavoctl");
-    std::vector<char*> argv{path.data()};
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(out[1], 1);
-      dup2(err[1], 2);
-      execv(path.c_str(), argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    close(err[1]);
-    out_.reset(out[0]);
-    err_.reset(err[0]);
-  }
-  ~Tavoctl() {
-    if (pid_ > 0) kill(pid_, SIGKILL);
-    Finish();
-  }
-
-  // Reads stdout until it holds `lines` lines or the time is up.
-  std::vector<std::string> Lines(size_t lines) {
-    tavo_test::WaitFor([&] {
-      Read(out_.get(), &stdout_, 20);
-      return static_cast<size_t>(std::count(stdout_.begin(), stdout_.end(), '\n')) >= lines;
-    }, 5000);
-    std::vector<std::string> result;
-    for (size_t start = 0, nl; (nl = stdout_.find('\n', start)) != std::string::npos; start = nl + 1) {
-      result.push_back(stdout_.substr(start, nl - start));
-    }
-    return result;
-  }
-  // The exit status, once both pipes are drained.
-  int Finish() {
-    int status = 0;
-    while (pid_ > 0 && waitpid(pid_, &status, WNOHANG) != pid_) {
-      Read(out_.get(), &stdout_, 10);
-      Read(err_.get(), &stderr_, 0);
-    }
-    pid_ = -1;
-    while (Read(out_.get(), &stdout_, 0) || Read(err_.get(), &stderr_, 0)) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-  void Signal(int sig) { kill(pid_, sig); }
-  const std::string& Out() const { return stdout_; }
-  const std::string& Err() const { return stderr_; }
-
- private:
-  static bool Read(int fd, std::string* into, int timeoutMs) {
-    pollfd p{fd, POLLIN, 0};
-    char buf[4096];
-    if (fd < 0 || poll(&p, 1, timeoutMs) <= 0) return false;
-    const ssize_t n = read(fd, buf, sizeof(buf));
-    if (n > 0) into->append(buf, static_cast<size_t>(n));
-    return n > 0;
-  }
-
-  pid_t pid_ = -1;
-  android::base::unique_fd out_, err_;
-  std::string stdout_, stderr_;
-};
+using Tavoctl = tavo_test::Child;
 
 class Cli : public ::testing::Test {
  protected:
@@ -127,14 +60,14 @@ TEST_F(Cli, WatchPrintsJsonAndTextLinesAndEndsOnSignal) {
   auto exit = tavo_test::ExitRecord(99, "bash", 6000, TAVO_TASK_KIND_PROCESS);
   Dispatch(&exit, sizeof(exit));
 
-  const auto lines = json.Lines(3);
+  const auto lines = json.ReadLines(3);
   ASSERT_EQ(lines.size(), 3u) << json.Out();
   auto body = [](const std::string& line) { return line.substr(line.find(",\"event\"")); };  // after "time"
   EXPECT_EQ(body(lines[0]), ",\"event\":\"sched_task_create\",\"code\":2,\"pid\":4242,\"ppid\":1,\"uid\":10001,"
                             "\"comm\":\"my app\",\"kind\":\"process\",\"ts\":5000}");
   EXPECT_EQ(body(lines[1]), ",\"event\":\"start\",\"code\":50001,\"pid\":4242,\"ppid\":1,\"uid\":10001,\"comm\":\"my app\"}");
   EXPECT_EQ(body(lines[2]), ",\"event\":\"decode_error\",\"code\":5,\"reason\":\"short\",\"length\":30,\"expected\":120}");
-  const auto textLines = text.Lines(1);
+  const auto textLines = text.ReadLines(1);
   ASSERT_EQ(textLines.size(), 1u) << text.Out();
   EXPECT_EQ(textLines[0].substr(12), " end pid=99 comm=bash");  // after "HH:MM:SS.mmm"
 
@@ -183,6 +116,11 @@ TEST(CliAlone, ArgumentsHelpAndNoService) {
       {{"dump", "everything"}, 2, "tavoctl: unknown dump 'everything'"},
       {{"dump", "tasks", "--pid", "x"}, 2, "--pid wants a positive number"},
       {{"frobnicate"}, 2, "tavoctl: unknown command 'frobnicate'"},
+      {{"help", "top"}, 0, "usage: tavoctl top"},
+      {{"top", "--sort", "cpu"}, 2, "--sort wants memory, dmabuf, threads, pid or swap"},
+      {{"top", "--batch", "--iterations", "0"}, 2, "--iterations wants a positive number"},
+      {{"top", "--iterations", "1"}, 2, "--iterations goes with --batch or --json"},
+      {{"top"}, 2, "top needs a terminal"},
       {{"watch", "--socket", socket, "all"}, 1, "tavoctl: service not running (no socket " + socket + ")\n"},
       {{"dump", "counters", "--socket", socket}, 1, "tavoctl: service not running (no socket " + socket + ")\n"},
   };
@@ -191,4 +129,8 @@ TEST(CliAlone, ArgumentsHelpAndNoService) {
     EXPECT_EQ(tavoctl.Finish(), c.status) << c.text;
     EXPECT_NE((c.status == 0 ? tavoctl.Out() : tavoctl.Err()).find(c.text), std::string::npos) << tavoctl.Err();
   }
+  // top shows /proc without the service, and says so.
+  Tavoctl top({"top", "--socket", socket, "--batch", "--iterations", "1"});
+  EXPECT_EQ(top.Finish(), 0) << top.Err();
+  EXPECT_NE(top.Out().find("\nservice: NOT REACHABLE, reconnecting"), std::string::npos) << top.Out();
 }

@@ -5,7 +5,9 @@ namespace Tavo::Cli {
 
 int WatchCommand(int argc, char** argv);  // argv[0] is "watch"
 int DumpCommand(int argc, char** argv);   // argv[0] is "dump"
+int TopCommand(int argc, char** argv);    // argv[0] is "top"
 void PrintWatchHelp(bool toStderr);
 void PrintDumpHelp(bool toStderr);
+void PrintTopHelp(bool toStderr);
 
 }  // namespace Tavo::Cli

@@ -16,6 +16,7 @@ void PrintHelp(FILE* out) {
           "Commands:\n"
           "  watch [--json] [--wait] [EVENT...]   print events as the service reports them\n"
           "  dump WHAT [--pid PID] [--timeout S]  make the service write a dump and print it\n"
+          "  top [--sort KEY] [--batch] [--json]  the processes at a glance, kept current\n"
           "  help [COMMAND]                       this text, or a command's help\n"
           "\n"
           "'tavoctl COMMAND --help' tells more. Set TAVOCTL_DEBUG=1 to see the socket\n"
@@ -45,6 +46,8 @@ int main(int argc, char** argv) {
       Tavo::Cli::PrintWatchHelp(false);
     } else if (argc > 2 && strcmp(argv[2], "dump") == 0) {
       Tavo::Cli::PrintDumpHelp(false);
+    } else if (argc > 2 && strcmp(argv[2], "top") == 0) {
+      Tavo::Cli::PrintTopHelp(false);
     } else {
       PrintHelp(stdout);
     }
@@ -52,6 +55,7 @@ int main(int argc, char** argv) {
   }
   if (strcmp(command, "watch") == 0) return Tavo::Cli::WatchCommand(argc - 1, argv + 1);
   if (strcmp(command, "dump") == 0) return Tavo::Cli::DumpCommand(argc - 1, argv + 1);
+  if (strcmp(command, "top") == 0) return Tavo::Cli::TopCommand(argc - 1, argv + 1);
   fprintf(stderr, "tavoctl: unknown command '%s'\n", command);
   PrintHelp(stderr);
   return 2;

@@ -48,9 +48,13 @@ bool HoldsSocket(pid_t pid, const std::set<unsigned long>& inodes) {
 
 }  // namespace
 
-std::set<unsigned long> SocketInodes(const std::string& unixTable, const std::string& path) {
+namespace {
+
+// Calls `use(state, inode)` for each line of /proc/net/unix bound to the
+// abstract name ("@" + path).
+template <typename Use>
+void ForEachSocket(const std::string& unixTable, const std::string& path, Use use) {
   // Num RefCount Protocol Flags Type St Inode Path
-  std::set<unsigned long> inodes;
   std::istringstream lines(unixTable);
   std::string line;
   const std::string wanted = "@" + path;
@@ -61,9 +65,23 @@ std::set<unsigned long> SocketInodes(const std::string& unixTable, const std::st
     if (name != wanted) continue;
     char* end = nullptr;
     const unsigned long value = strtoul(inode.c_str(), &end, 10);
-    if (*end == '\0' && value != 0) inodes.insert(value);
+    if (*end == '\0' && value != 0) use(state, value);
   }
+}
+
+}  // namespace
+
+std::set<unsigned long> SocketInodes(const std::string& unixTable, const std::string& path) {
+  std::set<unsigned long> inodes;
+  ForEachSocket(unixTable, path, [&](const std::string&, unsigned long inode) { inodes.insert(inode); });
   return inodes;
+}
+
+size_t ConnectedSockets(const std::string& unixTable, const std::string& path) {
+  size_t count = 0;
+  // State 03 is SS_CONNECTED; the listener is 01.
+  ForEachSocket(unixTable, path, [&](const std::string& state, unsigned long) { count += state == "03"; });
+  return count;
 }
 
 pid_t FindServicePid(const std::string& path) {
