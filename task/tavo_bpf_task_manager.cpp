@@ -83,14 +83,6 @@ bool TavoTaskManager::HasTask(int pid) {
   return tasks_.count(pid) != 0;
 }
 
-bool TavoTaskManager::WithTask(int pid, const std::function<void(TavoTask&)>& fn) {
-  MutexLock guard(lock_);
-  auto it = tasks_.find(pid);
-  if (it == tasks_.end()) return false;
-  fn(it->second);
-  return true;
-}
-
 bool TavoTaskManager::GetTavoTask(int pid, TavoTask* out) {
   MutexLock guard(lock_);
   return CopyOut(tasks_, pid, out);

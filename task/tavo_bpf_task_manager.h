@@ -7,7 +7,6 @@
 #include <android-base/thread_annotations.h>
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -46,8 +45,16 @@ class TavoTaskManager {
   bool InsertTavoTask(int pid, const TavoTask& task) EXCLUDES(lock_);
   bool HasTask(int pid) EXCLUDES(lock_);
   // Runs fn on the stored record under the registry lock; false when the
-  // pid is not registered. fn must not call back into the registry.
-  bool WithTask(int pid, const std::function<void(TavoTask&)>& fn) EXCLUDES(lock_);
+  // pid is not registered. fn must not call back into the registry. (A
+  // template, so the handlers' lambdas cost no std::function per record.)
+  template <typename Fn>
+  bool WithTask(int pid, Fn&& fn) EXCLUDES(lock_) {
+    MutexLock guard(lock_);
+    auto it = tasks_.find(pid);
+    if (it == tasks_.end()) return false;
+    fn(it->second);
+    return true;
+  }
   // A copy of the record, or false.
   bool GetTavoTask(int pid, TavoTask* out) EXCLUDES(lock_);
   // 0, or -1 with errno ENOENT when absent.
