@@ -20,15 +20,27 @@ std::unique_ptr<char[]> NewBlock(uint64_t length) {
 
 IpcPackageManager::IpcPackageManager() = default;
 
-IpcPackageManager::~IpcPackageManager() = default;
+IpcPackageManager::IpcPackageManager(std::shared_ptr<IpcQueueBudget> budget)
+    : budget_(std::move(budget)) {}
 
-bool IpcPackageManager::refuse() {
+IpcPackageManager::~IpcPackageManager() {
+  Tavo::MutexLock guard(lock_);
+  if (budget_) budget_->release(queuedBytes_);
+}
+
+bool IpcPackageManager::refuse(bool byBudget) {
   uint64_t dropped;
   {
     Tavo::MutexLock guard(lock_);
     dropped = ++droppedCount_;
   }
-  if (dropWarnings_.admit()) {
+  if (byBudget) {
+    if (budget_->admitWarning()) {
+      TAVO_LOGW(kTag, "[IpcPackageManager] all client queues full (%llu bytes), %llu packages refused so far",
+                static_cast<unsigned long long>(budget_->maxBytes()),
+                static_cast<unsigned long long>(budget_->refusedCount()));
+    }
+  } else if (dropWarnings_.admit()) {
     TAVO_LOGW(kTag, "[IpcPackageManager] queue full (%llu bytes), %llu packages refused so far",
               static_cast<unsigned long long>(kMaxQueuedBytes),
               static_cast<unsigned long long>(dropped));
@@ -38,20 +50,23 @@ bool IpcPackageManager::refuse() {
 
 bool IpcPackageManager::append(std::unique_ptr<char[]> block, uint64_t length) {
   if (block == nullptr) return false;
-  bool queued = false;
+  const uint64_t cost = IpcQueueBudget::EntryCost(length);
+  bool queueFull = false;
+  bool budgetFull = false;
   bool wake = false;
   {
     Tavo::MutexLock guard(lock_);
-    if (length <= kMaxQueuedBytes - queuedBytes_) {
+    queueFull = cost > kMaxQueuedBytes - queuedBytes_;
+    budgetFull = !queueFull && budget_ && !budget_->tryCharge(cost);
+    if (!queueFull && !budgetFull) {
       queue_.push_back(TavoIpcPackage{length, std::move(block)});
-      queuedBytes_ += length;
+      queuedBytes_ += cost;
       count_.store(queue_.size(), std::memory_order_relaxed);
-      queued = true;
       wake = waiters_ > 0;
     }
   }
   if (wake) wakeUp_.notify_all();
-  return queued || refuse();
+  return !(queueFull || budgetFull) || refuse(budgetFull);
 }
 
 // The parts are each checked against the bound before they are summed, so
@@ -101,7 +116,9 @@ bool IpcPackageManager::appendRespIpcPackage(TavoRespIpcPackage* response) {
 bool IpcPackageManager::writeHead(BufferState* buffer, bool strict) {
   TavoIpcPackage& head = queue_.front();
   if (!AppendIpcFrame(buffer, {{head.data.get(), head.length}}, strict)) return false;
-  queuedBytes_ -= head.length;
+  const uint64_t cost = IpcQueueBudget::EntryCost(head.length);
+  queuedBytes_ -= cost;
+  if (budget_) budget_->release(cost);
   queue_.pop_front();
   count_.store(queue_.size(), std::memory_order_relaxed);
   return true;

@@ -13,16 +13,22 @@
 #include "ipc/ipc_frame.h"
 #include "ipc/ipc_log_limiter.h"
 #include "ipc/ipc_package.h"
+#include "ipc/ipc_queue_budget.h"
 #include "util/tavo_export.h"
 #include "util/tavo_mutex.h"
 
 class TAVO_EXPORT IpcPackageManager {
  public:
-  // Most payload bytes one queue holds; past it new packages are refused,
-  // so a peer that stops reading cannot exhaust the process's memory.
+  // Most memory one queue's packages may take, counted as the allocator and
+  // the queue really spend it (IpcQueueBudget::EntryCost); past it new
+  // packages are refused, so a peer that stops reading cannot exhaust the
+  // process's memory.
   static constexpr uint64_t kMaxQueuedBytes = 4u << 20;
 
   IpcPackageManager();
+  // Every package queued here is also charged to `budget`, which the queues
+  // of all clients share.
+  explicit IpcPackageManager(std::shared_ptr<IpcQueueBudget> budget);
   ~IpcPackageManager();
   IpcPackageManager(const IpcPackageManager&) = delete;
   IpcPackageManager& operator=(const IpcPackageManager&) = delete;
@@ -44,17 +50,20 @@ class TAVO_EXPORT IpcPackageManager {
   void notifyEventReady();
   // A hint, read without the lock.
   size_t getIpcPackageCount() const;
-  // Packages refused because the queue was full.
+  // Packages refused because the queue (or the shared budget) was full.
   uint64_t getDroppedCount() const;
+  // What the queued packages cost, as counted against kMaxQueuedBytes.
   uint64_t getQueuedBytes() const;
 
  private:
   bool appendCommand(uint32_t command, std::initializer_list<IpcBytes> parts);
   bool append(std::unique_ptr<char[]> block, uint64_t length);
-  // Counts a refused package; logs it at most every 10 s. Always false.
-  bool refuse();
+  // Counts a refused package; logs it at most every 10 s (per queue, or per
+  // budget when the budget refused it). Always false.
+  bool refuse(bool byBudget = false);
   bool writeHead(BufferState* buffer, bool strict) REQUIRES(lock_);
 
+  const std::shared_ptr<IpcQueueBudget> budget_;
   mutable Tavo::Mutex lock_;
   std::condition_variable_any wakeUp_;
   std::deque<TavoIpcPackage> queue_ GUARDED_BY(lock_);

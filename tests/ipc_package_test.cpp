@@ -1,5 +1,6 @@
 // Frames, send queues, command dispatch and request callbacks, byte for byte.
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <cstring>
 #include <string>
@@ -11,6 +12,7 @@
 #include "ipc/ipc_package_manager.h"
 #include "ipc/ipc_req_callback_manager.h"
 #include "tests/support/frames.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 
@@ -113,7 +115,7 @@ TEST(IpcPackageManagerTest, BoundRefusesCountsAndHeadBlocksInOrder) {
   std::vector<char> chunk(64 * 1024, 'q');
   int accepted = 0;
   for (int i = 0; i < 80; ++i) accepted += queue.buildAndAppendSecondIpcPackage(3, chunk.data(), chunk.size());
-  EXPECT_EQ(accepted, static_cast<int>(IpcPackageManager::kMaxQueuedBytes / (chunk.size() + 8)));
+  EXPECT_EQ(accepted, static_cast<int>(IpcPackageManager::kMaxQueuedBytes / IpcQueueBudget::EntryCost(chunk.size() + 8)));
   EXPECT_EQ(queue.getDroppedCount(), 80u - accepted);
   EXPECT_LE(queue.getQueuedBytes(), IpcPackageManager::kMaxQueuedBytes);
   // Sizes that could never be queued are refused before any copy.
@@ -130,6 +132,39 @@ TEST(IpcPackageManagerTest, BoundRefusesCountsAndHeadBlocksInOrder) {
   TestBuffer b(128 * 1024);
   EXPECT_TRUE(queue.fillNextIpcPackageToBuffer(&b.state));
   EXPECT_TRUE(queue.buildAndAppendSecondIpcPackage(3, chunk.data(), chunk.size()));
+}
+
+// A queue full of small packages takes about its cap in heap, not several
+// times it; queues sharing a budget stop together at the budget and give
+// their share back as they drain or go.
+TEST(IpcQueueBudgetTest, QueueCapIsRealMemoryAndBudgetIsShared) {
+  const size_t heapBefore = mallinfo2().uordblks;
+  {
+    IpcPackageManager queue;
+    while (queue.buildAndAppendSecondIpcPackage(3, "x", 1)) {
+    }
+    EXPECT_LE(mallinfo2().uordblks - heapBefore, IpcPackageManager::kMaxQueuedBytes * 11 / 10);
+  }
+  tavo_test::LogCapture log;
+  auto budget = std::make_shared<IpcQueueBudget>(256 * 1024);
+  {
+    IpcPackageManager a(budget), b(budget);
+    const std::string chunk(1000, 'b');
+    uint64_t accepted = 0;
+    for (int i = 0; i < 400; ++i) {
+      accepted += a.buildAndAppendSecondIpcPackage(3, chunk.data(), chunk.size());
+      accepted += b.buildAndAppendSecondIpcPackage(3, chunk.data(), chunk.size());
+    }
+    EXPECT_EQ(accepted, 256 * 1024 / IpcQueueBudget::EntryCost(1008));
+    EXPECT_EQ(budget->usedBytes(), a.getQueuedBytes() + b.getQueuedBytes());
+    EXPECT_EQ(a.getDroppedCount() + b.getDroppedCount(), 800 - accepted);
+    EXPECT_EQ(budget->refusedCount(), 800 - accepted);
+    TestBuffer out(4096);
+    ASSERT_TRUE(a.fillNextIpcPackageToBuffer(&out.state));
+    EXPECT_TRUE(b.buildAndAppendSecondIpcPackage(3, chunk.data(), chunk.size()));
+  }
+  EXPECT_EQ(budget->usedBytes(), 0u);
+  EXPECT_EQ(log.Count("[IpcPackageManager] all client queues full (262144 bytes)"), 1);
 }
 
 TEST(IpcPackageManagerTest, WaitEventReadyWakesOnAppend) {
