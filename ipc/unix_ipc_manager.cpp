@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <sched.h>
 #include <sys/socket.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -71,6 +72,7 @@ UnixIpcManager::~UnixIpcManager() {
   Tavo::MutexLock guard(lock_);
   socketFd_ = -1;
   listener_.reset();
+  acceptTimer_.reset();
   connections_.clear();
 }
 
@@ -203,14 +205,26 @@ bool UnixIpcManager::createServer() {
               strerror(errno));
     return false;
   }
-  EpollCallback callbacks;
-  callbacks.readable = [this](epoll_event event) { return onServerReadableCallback(event); };
-  callbacks.close = [this](epoll_event event) { return onServerCloseCallback(event); };
-  if (!epollManager_->addMonitorFd(fd.get(), std::move(callbacks))) return false;
+  if (!epollManager_->addMonitorFd(fd.get(), listenerCallbacks())) return false;
   Tavo::MutexLock guard(lock_);
+  if (acceptTimer_ < 0) {
+    android::base::unique_fd timer(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    EpollCallback callbacks;
+    callbacks.readable = [this](epoll_event) { return onAcceptTimer(); };
+    if (timer >= 0 && epollManager_->addMonitorFd(timer.get(), std::move(callbacks))) {
+      acceptTimer_ = std::move(timer);
+    }
+  }
   socketFd_ = fd.get();
   listener_ = std::move(fd);
   return true;
+}
+
+EpollCallback UnixIpcManager::listenerCallbacks() {
+  EpollCallback callbacks;
+  callbacks.readable = [this](epoll_event event) { return onServerReadableCallback(event); };
+  callbacks.close = [this](epoll_event event) { return onServerCloseCallback(event); };
+  return callbacks;
 }
 
 bool UnixIpcManager::connect() {
@@ -237,10 +251,16 @@ bool UnixIpcManager::connect() {
 int UnixIpcManager::onServerReadableCallback(epoll_event event) {
   android::base::unique_fd fd(accept4(event.data.fd, nullptr, nullptr, SOCK_CLOEXEC));
   if (fd < 0) {
-    TAVO_LOGE(tag(), "[UnixIpcManager] Accept client failed: %d, message: %s", errno,
-              strerror(errno));
+    const int err = errno;
+    // The peer stays queued and the listener readable: retrying at once
+    // would spin on a full descriptor table.
+    if (err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) {
+      return pauseAccepting(event.data.fd, err);
+    }
+    TAVO_LOGE(tag(), "[UnixIpcManager] Accept client failed: %d, message: %s", err, strerror(err));
     return kIpcCallbackFailed;
   }
+  if (!admit(fd.get())) return kIpcCallbackOk;
   if (!Setnonblocking(fd.get())) {
     const int err = errno;
     fd.reset();
@@ -252,6 +272,66 @@ int UnixIpcManager::onServerReadableCallback(epoll_event event) {
   if (connection == nullptr || !registerConnection(connection)) return kIpcCallbackFailed;
   if (options_.handlers.connection) options_.handlers.connection(connection->fd());
   return kIpcCallbackOk;
+}
+
+bool UnixIpcManager::admit(int fd) {
+  if (getConnectionCount() >= options_.maxConnections) {
+    const uint64_t closed = ++overLimit_;
+    if (limitWarnings_.admit()) {
+      TAVO_LOGW(tag(), "[UnixIpcManager] Connection limit %zu reached, %llu new peers closed so far",
+                options_.maxConnections, static_cast<unsigned long long>(closed));
+    }
+    return false;
+  }
+  const IpcPeerPolicy& policy = options_.peerPolicy;
+  if (!policy.restricted()) return true;
+  IpcPeerPolicy::Peer peer;
+  peer.pid = -1;
+  peer.uid = static_cast<uid_t>(-1);
+  if (IpcPeerPolicy::ReadPeer(fd, &peer) && policy.allows(peer)) return true;
+  const uint64_t refused = ++refusedPeers_;
+  if (refusalWarnings_.admit()) {
+    TAVO_LOGW(tag(), "[UnixIpcManager] Refused peer pid %d uid %d, %llu refused so far",
+              static_cast<int>(peer.pid), static_cast<int>(peer.uid),
+              static_cast<unsigned long long>(refused));
+  }
+  return false;
+}
+
+int UnixIpcManager::pauseAccepting(int listener, int err) {
+  // One line per pause, not one per failed accept.
+  TAVO_LOGE(tag(), "[UnixIpcManager] Accept client failed: %d, message: %s", err, strerror(err));
+  ++pauses_;
+  int timer;
+  {
+    Tavo::MutexLock guard(lock_);
+    timer = acceptTimer_.get();
+  }
+  if (timer < 0 || !epollManager_->delMonitorFd(listener)) return kIpcCallbackFailed;
+  itimerspec when{};
+  when.it_value.tv_sec = options_.acceptBackoffMs / 1000;
+  when.it_value.tv_nsec = static_cast<long>(options_.acceptBackoffMs % 1000) * 1000000 + 1;
+  if (timerfd_settime(timer, 0, &when, nullptr) != 0) {
+    // Without the timer the listener would stay unwatched for good.
+    epollManager_->addMonitorFd(listener, listenerCallbacks());
+  }
+  return kIpcCallbackFailed;
+}
+
+int UnixIpcManager::onAcceptTimer() {
+  int listener;
+  {
+    Tavo::MutexLock guard(lock_);
+    uint64_t expirations = 0;
+    if (read(acceptTimer_.get(), &expirations, sizeof(expirations)) < 0) return kIpcCallbackOk;
+    listener = listener_.get();
+  }
+  if (listener >= 0) epollManager_->addMonitorFd(listener, listenerCallbacks());
+  return kIpcCallbackOk;
+}
+
+IpcAcceptStats UnixIpcManager::getAcceptStats() const {
+  return IpcAcceptStats{refusedPeers_.load(), overLimit_.load(), pauses_.load()};
 }
 
 int UnixIpcManager::onServerCloseCallback(epoll_event event) {

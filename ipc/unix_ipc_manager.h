@@ -28,6 +28,8 @@
 #include "ipc/ipc_buffer_state.h"
 #include "ipc/ipc_connection.h"
 #include "ipc/ipc_handler_state.h"
+#include "ipc/ipc_log_limiter.h"
+#include "ipc/ipc_peer_policy.h"
 #include "ipc/ipc_socket_functions.h"
 #include "util/tavo_export.h"
 #include "util/tavo_mutex.h"
@@ -43,6 +45,21 @@ struct UnixIpcOptions {
   std::optional<cpu_set_t> cpus;  // unset: the constructing thread's
   int epollSize = 10;
   int maxEvents = 32;
+  // Server mode. Connections kept at once; a peer past the limit is
+  // accepted and closed at once.
+  size_t maxConnections = 1024;
+  // Who may connect, checked at accept (everyone by default).
+  IpcPeerPolicy peerPolicy;
+  // When accept finds the process (or system) out of descriptors, the
+  // listener is left unwatched this long instead of being retried at once.
+  int acceptBackoffMs = 100;
+};
+
+// What the accept path refused, since the manager was made.
+struct IpcAcceptStats {
+  uint64_t refusedPeers = 0;   // not allowed by the peer policy
+  uint64_t overLimit = 0;      // past maxConnections
+  uint64_t pauses = 0;         // accept back-offs for want of descriptors
 };
 
 class TAVO_EXPORT UnixIpcManager {
@@ -91,6 +108,7 @@ class TAVO_EXPORT UnixIpcManager {
   int getSocketFd() const { return socketFd_; }
   const std::string& getPath() const { return options_.path; }
   size_t getConnectionCount() const;
+  IpcAcceptStats getAcceptStats() const;
 
  private:
   const char* tag() const { return options_.name.c_str(); }
@@ -100,6 +118,13 @@ class TAVO_EXPORT UnixIpcManager {
   // nullptr (logged) when an accepted one cannot get its buffers.
   std::shared_ptr<IpcConnection> openConnection(android::base::unique_fd fd, bool accepted);
   bool registerConnection(const std::shared_ptr<IpcConnection>& connection);
+  EpollCallback listenerCallbacks();
+  // Whether an accepted peer may stay: the connection limit, then the peer
+  // policy. A refusal is counted and logged (rate-limited).
+  bool admit(int fd);
+  // Out of descriptors: the listener is unwatched and a timer brings it back.
+  int pauseAccepting(int listener, int err);
+  int onAcceptTimer();
   void setSocketBuffers(int fd);
   int receive(IpcConnection& connection, bool* closeIt, bool* wantWrite)
       REQUIRES(connection.lock());
@@ -116,5 +141,12 @@ class TAVO_EXPORT UnixIpcManager {
   std::atomic<int> socketFd_{-1};
   mutable Tavo::Mutex lock_;
   android::base::unique_fd listener_ GUARDED_BY(lock_);
+  // Made with the first listener, before descriptors can run out.
+  android::base::unique_fd acceptTimer_ GUARDED_BY(lock_);
+  std::atomic<uint64_t> refusedPeers_{0};
+  std::atomic<uint64_t> overLimit_{0};
+  std::atomic<uint64_t> pauses_{0};
+  IpcLogLimiter refusalWarnings_;
+  IpcLogLimiter limitWarnings_;
   std::map<int, std::shared_ptr<IpcConnection>> connections_ GUARDED_BY(lock_);
 };

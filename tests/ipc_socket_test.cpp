@@ -2,132 +2,29 @@
 // sockets and real loop threads. Every test uses socket names of its own.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <android-base/unique_fd.h>
+
 #include <atomic>
-#include <map>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "ipc/ipc_frame.h"
-#include "ipc/ipc_package_manager.h"
-#include "ipc/unix_ipc_manager.h"
-#include "tests/support/frames.h"
+#include "tests/support/ipc_endpoint.h"
 #include "tests/support/log_capture.h"
 #include "tools/tavo_client/tavo_client.h"
 
+using tavo_test::Endpoint;
 using tavo_test::Frame;
+using tavo_test::Mode;
 using tavo_test::RawPeer;
+using tavo_test::Session;
+using tavo_test::SocketName;
 using tavo_test::WaitFor;
 
 namespace {
-
-std::string SocketName(const std::string& suffix = "") {
-  const auto* info = testing::UnitTest::GetInstance()->current_test_info();
-  return std::string("/mnt/bpfframework/ipc-test-") + info->name() + suffix + "-" + std::to_string(getpid());
-}
-
-struct Mode {
-  int bufferSize = 32768;
-  bool consume = true;  // cut the frames out of the receive buffer
-  bool echo = false;    // answer each frame with "echo:" and its data, flushing from the callback
-  int readResult = kIpcCallbackOk;
-  bool saveUnused = true;
-  bool closeOnError = false;
-};
-
-// One end, server or client: records the data of the frames it receives,
-// answers subscription requests (code 666 refused) and sends what is queued.
-struct Endpoint {
-  Endpoint(bool server, const std::string& path, Mode mode = {}) {
-    UnixIpcOptions options;
-    options.isServer = server;
-    options.bufferSize = mode.bufferSize;
-    options.path = path;
-    options.name = server ? "IpcSrvT" : "IpcCliT";
-    options.handlers.saveUnusedBuffer = mode.saveUnused;
-    options.handlers.closeOnError = mode.closeOnError;
-    options.handlers.read = [this, mode](int fd, BufferState* receive, BufferState* send) {
-      if (!mode.consume) return mode.readResult;
-      ForEachIpcFrame(receive, [&](const IpcFrame& frame) {
-        IpcCommand command;
-        ParseIpcCommand(frame, &command);
-        std::string data(command.data, command.dataLength);
-        if (mode.echo) AppendIpcCommandFrame(send, 3, {{"echo:", 5}, {data.data(), data.size()}}, false);
-        if (command.code == IPC_COMMAND_REQUEST && data.size() == 44) {
-          uint32_t code;
-          memcpy(&code, &data[40], 4);
-          const int32_t result = code == 666 ? -1 : 0;
-          const uint32_t zero = 0;
-          AppendIpcCommandFrame(send, IPC_COMMAND_RESPONSE, {{&data[0], 4}, {&result, 4}, {&zero, 4}}, true);
-          data = std::string(&data[4]) + " " + std::to_string(code);
-        }
-        std::lock_guard<std::mutex> guard(lock);
-        frames[fd].push_back(data);
-        arrivals.push_back(data);
-        return true;
-      });
-      if (mode.echo) ipc->writeDataNow(fd);  // must not wait on its own guard
-      return mode.readResult;
-    };
-    options.handlers.write = [this](int fd, BufferState* send) {
-      ++writeCalls;
-      std::lock_guard<std::mutex> guard(lock);
-      auto it = queues.find(fd);
-      while (it != queues.end() && it->second.fillNextIpcPackageToBuffer(send)) {
-      }
-      return 0;
-    };
-    options.handlers.connection = [this](int fd) { return Note(&connected, fd); };
-    options.handlers.close = [this](int fd) { return Note(&closed, fd); };
-    ipc = std::make_unique<UnixIpcManager>(std::move(options));
-  }
-
-  int Note(std::vector<int>* list, int fd) {
-    std::lock_guard<std::mutex> guard(lock);
-    list->push_back(fd);
-    return 0;
-  }
-  // A command package, or with command -1 the bytes as the whole payload.
-  bool Queue(int fd, const std::string& data, int command = IPC_COMMAND_EVENT) {
-    std::lock_guard<std::mutex> guard(lock);
-    if (command < 0) return queues[fd].buildAndAppendIpcPackage(data.data(), data.size());
-    return queues[fd].buildAndAppendSecondIpcPackage(command, data.data(), data.size());
-  }
-  template <typename T>
-  T Get(const T& member) {
-    std::lock_guard<std::mutex> guard(lock);
-    return member;
-  }
-  std::vector<std::string> FramesOf(int fd) {
-    std::lock_guard<std::mutex> guard(lock);
-    return frames[fd];
-  }
-
-  std::mutex lock;
-  std::map<int, std::vector<std::string>> frames;
-  std::vector<std::string> arrivals;  // of all connections, in order
-  std::map<int, IpcPackageManager> queues;
-  std::vector<int> connected, closed;
-  std::atomic<int> writeCalls{0};
-  std::unique_ptr<UnixIpcManager> ipc;  // last: its loop ends before the rest goes
-};
-
-// A started server and one raw peer it has accepted.
-struct Session {
-  explicit Session(const std::string& path, Mode mode = {}) : server(true, path, mode) {
-    server.ipc->start();
-    WaitFor([&] { return server.ipc->getSocketFd() >= 0; });
-    peer = std::make_unique<RawPeer>(path);
-    WaitFor([&] { return !server.Get(server.connected).empty(); });
-    fd = server.Get(server.connected).at(0);
-  }
-  Endpoint server;
-  std::unique_ptr<RawPeer> peer;
-  int fd = -1;
-};
 
 TEST(UnixIpcManagerTest, FramesArriveWhateverTheReadsCut) {
   std::string stream;
@@ -282,6 +179,72 @@ TEST(UnixIpcManagerTest, ClientRetriesReconnectsAndStops) {
       {"[UnixIpcManager] Create server in client manager", -1, 1},
       {"[UnixIpcManager] Create client in server manager", -1, 1},
       {"Create socket: " + SocketName() + " failed: ", ANDROID_LOG_WARN, 1}});
+}
+
+TEST(IpcPeerPolicyTest, ParsesListsAndMatchesUidGidAndGroups) {
+  tavo_test::LogCapture log;
+  const IpcPeerPolicy policy = IpcPeerPolicy::FromAllowedIds(" 4242, g:4343 ,bogus,g:x,,-1");
+  struct Case {
+    uid_t uid;
+    gid_t gid;
+    std::vector<gid_t> groups;
+    bool allowed;
+  };
+  const Case cases[] = {{0, 9, {}, true},         {geteuid() == 0 ? 1u : geteuid(), 9, {}, geteuid() != 0},
+                        {4242, 9, {}, true},      {9, 4343, {}, true},
+                        {9, 9, {7, 4343}, true},  {9, 9, {4242}, false},
+                        {4343, 4242, {}, false}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(policy.allows({1, c.uid, c.gid, c.groups}), c.allowed) << c.uid << " " << c.gid;
+    EXPECT_TRUE(IpcPeerPolicy().allows({1, c.uid, c.gid, c.groups}));
+  }
+  EXPECT_EQ(log.Count("[IpcPeerPolicy] ignoring allowed id \""), 3);  // bogus, g:x, -1
+}
+
+// Past the connection limit a peer is accepted and closed at once; a
+// restricted policy closes peers whose credentials it does not list. Peers
+// take other ids on a thread of their own (raw system calls change only the
+// calling thread's credentials).
+TEST(UnixIpcManagerTest, ConnectionLimitAndPeerPolicyCloseAtAccept) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to connect under other ids";
+  tavo_test::LogCapture log;
+  Mode mode;
+  mode.maxConnections = 5;
+  mode.policy = IpcPeerPolicy::FromAllowedIds("4242,g:4343");
+  Session s(SocketName(), mode);
+  auto connectAs = [&](uid_t uid, gid_t gid, std::vector<gid_t> groups) {
+    std::unique_ptr<RawPeer> peer;
+    std::thread([&] {
+      syscall(SYS_setgroups, groups.size(), groups.data());
+      syscall(SYS_setresgid, -1, gid, -1);
+      syscall(SYS_setresuid, -1, uid, -1);
+      peer = std::make_unique<RawPeer>(s.server.ipc->getPath());
+    }).join();
+    return peer;
+  };
+  std::vector<std::unique_ptr<RawPeer>> peers;
+  peers.push_back(connectAs(65534, 65534, {}));  // refused
+  peers.push_back(connectAs(4242, 65534, {}));
+  peers.push_back(connectAs(65534, 4343, {}));
+  peers.push_back(connectAs(65534, 65534, {4343}));
+  peers.push_back(connectAs(0, 0, {}));
+  peers.push_back(connectAs(0, 0, {}));  // 6th and 7th: past the limit of 5
+  peers.push_back(connectAs(0, 0, {}));
+  for (size_t i = 0; i < peers.size(); ++i) {
+    ASSERT_TRUE(peers[i]->ok());
+    ASSERT_TRUE(peers[i]->Send(Frame(2, "p" + std::to_string(i)), 1000) || i == 0 || i > 4);
+  }
+  EXPECT_TRUE(peers[0]->SeesEnd());
+  EXPECT_TRUE(peers[5]->SeesEnd());
+  EXPECT_TRUE(peers[6]->SeesEnd());
+  ASSERT_TRUE(WaitFor([&] { return s.server.Get(s.server.arrivals).size() == 4; }));
+  EXPECT_EQ(s.server.Get(s.server.arrivals), (std::vector<std::string>{"p1", "p2", "p3", "p4"}));
+  const IpcAcceptStats stats = s.server.ipc->getAcceptStats();
+  EXPECT_EQ(stats.refusedPeers, 1u);
+  EXPECT_EQ(stats.overLimit, 2u);
+  tavo_test::ExpectLogged(
+      log, {{"[UnixIpcManager] Refused peer pid " + std::to_string(getpid()) + " uid 65534, 1 refused so far", -1, 1},
+            {"[UnixIpcManager] Connection limit 5 reached, ", ANDROID_LOG_WARN, 1}});
 }
 
 // The client library: replies, events in order with malformed packages
