@@ -199,6 +199,12 @@ bool UnixIpcManager::createServer() {
     TAVO_LOGE(tag(), "[UnixIpcManager] Create server in client manager");
     return false;
   }
+  {
+    // Started again after a stop: the listener and its registration are
+    // still there, and a second socket on the name would be refused.
+    Tavo::MutexLock guard(lock_);
+    if (listener_ >= 0) return true;
+  }
   android::base::unique_fd fd(CreateNonblockingServerSocket(options_.path));
   if (fd < 0) {
     TAVO_LOGE(tag(), "[UnixIpcManager] Create server Socket failed: %d, message: %s", errno,
