@@ -113,31 +113,31 @@ TEST(IpcStressTest, ClientThatNeverReadsStaysWithinItsCapWhileOthersReceive) {
   const int stuckFd = server.Get(server.connected)[0], readerFd = server.Get(server.connected)[1];
   constexpr int kRecords = 40000;
   const std::string record(240, 'r');
+  server.Queue(stuckFd, record);
+  server.Queue(readerFd, record);
+  // Map entries stay put, and a queue is safe to use from any thread.
+  IpcPackageManager& stuckQueue = server.queues.at(stuckFd);
+  IpcPackageManager& readerQueue = server.queues.at(readerFd);
   std::string received;
   std::thread consumer([&] { received = reader.Recv(kRecords * Frame(3, record).size(), 20000); });
   uint64_t highWater = 0;
-  for (int i = 0; i < kRecords; ++i) {
-    server.Queue(stuckFd, record);
-    server.Queue(readerFd, record);
+  for (int i = 1; i < kRecords; ++i) {
+    stuckQueue.buildAndAppendSecondIpcPackage(3, record.data(), record.size());
+    readerQueue.buildAndAppendSecondIpcPackage(3, record.data(), record.size());
     server.ipc->notifyNeedWriteData(stuckFd);
     server.ipc->notifyNeedWriteData(readerFd);
-    std::lock_guard<std::mutex> guard(server.lock);
-    highWater = std::max(highWater, server.queues.at(stuckFd).getQueuedBytes());
-    while (server.queues.at(readerFd).getQueuedBytes() > (1u << 20)) {
-      server.lock.unlock();
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      server.lock.lock();
-    }
+    highWater = std::max(highWater, stuckQueue.getQueuedBytes());
+    while (readerQueue.getQueuedBytes() > (1u << 20)) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+  server.ipc->notifyNeedWriteData(readerFd);
   consumer.join();
   EXPECT_EQ(received.size(), kRecords * Frame(3, record).size());
-  std::lock_guard<std::mutex> guard(server.lock);
   EXPECT_LE(highWater, IpcPackageManager::kMaxQueuedBytes);
-  EXPECT_GT(server.queues.at(stuckFd).getDroppedCount(), 0u);
-  EXPECT_EQ(server.queues.at(readerFd).getDroppedCount(), 0u);
+  EXPECT_GT(stuckQueue.getDroppedCount(), 0u);
+  EXPECT_EQ(readerQueue.getDroppedCount(), 0u);
   FIGURE("never-reading client: queue high-water %llu bytes (cap %llu), %llu refused; reader got all %d\n",
          static_cast<unsigned long long>(highWater), static_cast<unsigned long long>(IpcPackageManager::kMaxQueuedBytes),
-         static_cast<unsigned long long>(server.queues.at(stuckFd).getDroppedCount()), kRecords);
+         static_cast<unsigned long long>(stuckQueue.getDroppedCount()), kRecords);
 }
 
 // 20 peers knock while the process has no descriptor left to accept them
