@@ -7,7 +7,7 @@
 #   scripts/fuzz.sh --all SECONDS      every target in turn (CI: about 60 each)
 #   scripts/fuzz.sh --list             the targets
 #
-# The seeds in tests/fuzz/corpus/TARGET are only read; what the fuzzer finds
+# The seeds in tests/fuzz/corpus/TARGET (if any) are only read; what the fuzzer finds
 # goes to build/fuzz/corpus/TARGET, its log to build/fuzz/TARGET.log and a
 # crashing input to build/fuzz/crash-TARGET-*. One line per target reports
 # the runs and the edges covered.
@@ -25,11 +25,12 @@ mapfile -t targets < "$build/fuzz_targets.txt"
 run() {
   local target=$1 seconds=$2
   cmake --build --preset fuzz --target "$target" >/dev/null
-  local work="$build/corpus/$target" log="$build/$target.log"
+  local work="$build/corpus/$target" log="$build/$target.log" seeds=()
   mkdir -p "$work"
+  [ -d "tests/fuzz/corpus/$target" ] && seeds=("tests/fuzz/corpus/$target")
   if ! "$build/tests/fuzz/$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
       -print_final_stats=1 -artifact_prefix="$build/crash-$target-" \
-      "$work" "tests/fuzz/corpus/$target" >"$log" 2>&1; then
+      "$work" "${seeds[@]}" >"$log" 2>&1; then
     echo "$target: FAILED after fuzzing, see $log" >&2
     grep -E "ERROR|SUMMARY|Test unit written" "$log" >&2 || tail -20 "$log" >&2
     return 1
