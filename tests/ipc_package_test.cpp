@@ -11,7 +11,7 @@
 #include "ipc/ipc_package_handler.h"
 #include "ipc/ipc_package_manager.h"
 #include "ipc/ipc_req_callback_manager.h"
-#include "tests/support/frames.h"
+#include "tests/support/ipc_endpoint.h"
 #include "tests/support/log_capture.h"
 
 namespace {

@@ -1,10 +1,15 @@
-// A socket-manager endpoint for tests: records what it receives, answers
-// subscription requests and sends what is queued, on a socket name of the
-// test's own.
+// Frames and peers for the IPC tests: frame bytes built by hand, a buffer the
+// test owns, a raw peer on a real socket, and a socket-manager endpoint that
+// records what it receives, answers subscription requests and sends what is
+// queued, on a socket name of the test's own.
 #pragma once
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
+
+#include <android-base/unique_fd.h>
 
 #include <atomic>
 #include <cstring>
@@ -17,9 +22,76 @@
 #include "ipc/ipc_frame.h"
 #include "ipc/ipc_package_manager.h"
 #include "ipc/unix_ipc_manager.h"
-#include "tests/support/frames.h"
+#include "tests/support/wait.h"
 
 namespace tavo_test {
+
+// 8-byte length, command, data length, data: written here by hand, not by
+// the writer under test.
+inline std::string Frame(uint32_t command, const std::string& data) {
+  const int64_t length = static_cast<int64_t>(data.size()) + 8;
+  const auto inner = static_cast<uint32_t>(data.size());
+  std::string out(16, '\0');
+  memcpy(&out[0], &length, 8);
+  memcpy(&out[8], &command, 4);
+  memcpy(&out[12], &inner, 4);
+  return out + data;
+}
+
+// A BufferState over a block the test owns.
+struct TestBuffer {
+  explicit TestBuffer(size_t capacity) : bytes(capacity, 0) {
+    state.capacity = static_cast<int64_t>(capacity);
+    state.data = bytes.data();
+  }
+  void Put(const std::string& data) {
+    memcpy(state.data + state.length, data.data(), data.size());
+    state.length += static_cast<int64_t>(data.size());
+  }
+  std::string Written() const { return std::string(bytes.data(), static_cast<size_t>(state.length)); }
+  std::vector<char> bytes;
+  BufferState state{};
+};
+
+// A peer on a raw non-blocking socket, driven with poll().
+class RawPeer {
+ public:
+  explicit RawPeer(const std::string& path) : fd_(ConnectToServer(path)) {}
+  bool ok() const { return fd_ >= 0; }
+  bool Send(const std::string& bytes, int timeoutMs = 3000) {
+    for (size_t done = 0; done < bytes.size();) {
+      const ssize_t n = send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+      if (n > 0) done += static_cast<size_t>(n);
+      if (n < 0 && (errno != EAGAIN || !Wait(POLLOUT, timeoutMs))) return false;
+    }
+    return true;
+  }
+  // Exactly n bytes; empty on time-out or end of stream.
+  std::string Recv(size_t n, int timeoutMs = 3000) {
+    std::string out(n, '\0');
+    for (size_t got = 0; got < n;) {
+      const ssize_t r = recv(fd_, &out[got], n - got, 0);
+      if (r > 0) got += static_cast<size_t>(r);
+      if (r == 0 || (r < 0 && (errno != EAGAIN || !Wait(POLLIN, timeoutMs)))) return std::string();
+    }
+    return out;
+  }
+  // True once the other end closed.
+  bool SeesEnd(int timeoutMs = 3000) {
+    return WaitFor([&] {
+      char chunk[4096];
+      const ssize_t r = recv(fd_, chunk, sizeof(chunk), 0);
+      return r == 0 || (r < 0 && errno != EAGAIN);
+    }, timeoutMs);
+  }
+
+ private:
+  bool Wait(short events, int timeoutMs) {
+    pollfd p{fd_.get(), events, 0};
+    return poll(&p, 1, timeoutMs) > 0;
+  }
+  android::base::unique_fd fd_;
+};
 
 inline std::string SocketName(const std::string& suffix = "") {
   const auto* info = testing::UnitTest::GetInstance()->current_test_info();
