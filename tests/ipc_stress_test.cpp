@@ -9,6 +9,7 @@
 
 #include <android-base/unique_fd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -154,19 +155,33 @@ TEST(IpcStressTest, AcceptBacksOffWhileOutOfDescriptors) {
   const std::string path = server.ipc->getPath();
   memcpy(addr.sun_path + 1, path.data(), path.size());  // abstract: leading NUL
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size());
+  // The threads start before the limit is lowered and end after it is back:
+  // the sanitizers' checks when a thread starts or ends want a descriptor.
+  std::atomic<int> phase{0}, started{0};
+  auto waitFor = [&](int p) {
+    while (phase < p) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  };
+  std::vector<std::thread> connecting;
+  for (auto& client : clients) {
+    connecting.emplace_back([&] {
+      ++started;
+      waitFor(1);
+      connect(client.get(), reinterpret_cast<sockaddr*>(&addr), length);
+      waitFor(2);
+    });
+  }
+  ASSERT_TRUE(WaitFor([&] { return started == 20; }));
   rlimit old{};
   getrlimit(RLIMIT_NOFILE, &old);
   const long cpuBefore = tavo_test::ThreadCpuMs(tid);
   ASSERT_TRUE(SetFdLimit(static_cast<rlim_t>(OpenFds())));
   for (int fd; (fd = dup(clients[0].get())) >= 0;) fillers.emplace_back(fd);  // fill every hole
-  std::vector<std::thread> connecting;
-  for (auto& client : clients) {
-    connecting.emplace_back([&] { connect(client.get(), reinterpret_cast<sockaddr*>(&addr), length); });
-  }
+  phase = 1;
   std::this_thread::sleep_for(std::chrono::seconds(1));
   const int lines = log.Count("[UnixIpcManager] Accept client failed: 24");
   fillers.clear();
   setrlimit(RLIMIT_NOFILE, &old);
+  phase = 2;
   const long cpu = tavo_test::ThreadCpuMs(tid) - cpuBefore;
   for (auto& thread : connecting) thread.join();
   EXPECT_TRUE(WaitFor([&] { return server.Get(server.connected).size() == 20; }));
