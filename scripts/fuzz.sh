@@ -32,7 +32,8 @@ run() {
       -print_final_stats=1 -artifact_prefix="$build/crash-$target-" \
       "$work" "${seeds[@]}" >"$log" 2>&1; then
     echo "$target: FAILED after fuzzing, see $log" >&2
-    grep -E "ERROR|SUMMARY|Test unit written" "$log" >&2 || tail -20 "$log" >&2
+    grep -E "^==[0-9]+==ERROR|runtime error|ERROR: libFuzzer|SUMMARY:|Test unit written" "$log" | head -20 >&2 ||
+      tail -20 "$log" >&2
     return 1
   fi
   local runs edges
