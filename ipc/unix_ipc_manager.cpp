@@ -212,15 +212,20 @@ bool UnixIpcManager::createServer() {
     return false;
   }
   if (!epollManager_->addMonitorFd(fd.get(), listenerCallbacks())) return false;
-  Tavo::MutexLock guard(lock_);
-  if (acceptTimer_ < 0) {
-    android::base::unique_fd timer(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+  bool haveTimer;
+  {
+    Tavo::MutexLock guard(lock_);
+    haveTimer = acceptTimer_ >= 0;
+  }
+  android::base::unique_fd timer;
+  if (!haveTimer) {
+    timer.reset(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
     EpollCallback callbacks;
     callbacks.readable = [this](epoll_event) { return onAcceptTimer(); };
-    if (timer >= 0 && epollManager_->addMonitorFd(timer.get(), std::move(callbacks))) {
-      acceptTimer_ = std::move(timer);
-    }
+    if (timer >= 0 && !epollManager_->addMonitorFd(timer.get(), std::move(callbacks))) timer.reset();
   }
+  Tavo::MutexLock guard(lock_);
+  if (timer >= 0) acceptTimer_ = std::move(timer);
   socketFd_ = fd.get();
   listener_ = std::move(fd);
   return true;
