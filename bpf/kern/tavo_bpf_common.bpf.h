@@ -14,6 +14,23 @@
 
 #include "vmlinux.h"
 
+#if defined(__TARGET_ARCH_arm64)
+/*
+ * Kprobe arguments on AArch64 come from the register block at the start of
+ * struct pt_regs, which libbpf reads as struct user_pt_regs. vmlinux.h is
+ * generated from the build machine's BTF and lacks it on an x86-64 build
+ * machine; the layout is part of the user-space ABI, so it is spelled out
+ * here under a name of its own.
+ */
+struct tavo_user_pt_regs {
+  __u64 regs[31];
+  __u64 sp;
+  __u64 pc;
+  __u64 pstate;
+};
+#define user_pt_regs tavo_user_pt_regs
+#endif
+
 #include <bpf/bpf_core_read.h>
 #include <bpf/bpf_helpers.h>
 #include <bpf/bpf_tracing.h>
