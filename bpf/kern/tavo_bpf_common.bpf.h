@@ -127,4 +127,16 @@ static __always_inline bool tavo_group_dead(struct task_struct* task) {
   return BPF_CORE_READ(task, signal, live.counter) == 0;
 }
 
+/*
+ * Whether this exit ends the process, as far as the record says. Kernels
+ * whose record carries group_dead name exactly one thread; elsewhere every
+ * thread that finds signal->live at 0 answers yes (two threads ending at
+ * once both can), and the caller needs a claim of its own.
+ */
+static __always_inline bool tavo_exit_may_end_process(struct trace_event_raw_sched_process_exit* ctx,
+                                                      struct task_struct* task) {
+  if (bpf_core_field_exists(ctx->group_dead)) return ctx->group_dead;
+  return tavo_group_dead(task);
+}
+
 #endif /* TAVO_BPF_COMMON_BPF_H */

@@ -1,0 +1,1 @@
+target_link_libraries(kern_exit_test PRIVATE tavo_loader)
