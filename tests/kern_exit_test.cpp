@@ -1,4 +1,4 @@
-// One end per process, straight from the rings.
+// One end per process and clean record tails, straight from the rings.
 // Kernels whose sched_process_exit record has no group_dead (5.10, 6.1,
 // 6.12) decide "last thread" from signal->live and a claim per tgid; these
 // cases show their faults there (the kernel matrix runs them), and pass
@@ -8,6 +8,7 @@
 #include <linux/sched.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -110,6 +111,35 @@ TEST_F(KernExitTest, GroupEndingInTwoThreadsAtOnceDropsItsDmabufTotalOnce) {
     if (drops.count(r.pid) != 0 && r.total == 0) ++drops[r.pid];
   }
   for (const auto& [pid, count] : drops) EXPECT_EQ(count, 1) << "type-4 drops for pid " << pid;
+}
+
+// Names copied into ring records are padded with zeros: a short name must
+// not carry the bytes of a longer one that used the same ring memory before.
+TEST_F(KernExitTest, ExitRecordNamesAreZeroPaddedInAReusedRing) {
+  Tavo::Loader::LoaderOptions options;
+  options.normalRingBytes = 4096;  // wraps every few dozen processes
+  Load(kNormalObject, "sched_sched_process_exit", options);
+  ASSERT_TRUE(tavo_test::SetStatusFlags(kNormalObject, TAVO_STATUS_CORE_ENABLED));
+  RingCollector ring(kNormalObject);
+  for (int i = 0; i < 240; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      prctl(PR_SET_NAME, i % 3 == 0 ? "t" : "tavo_long_name_");
+      _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    waitpid(child, nullptr, 0);
+    if (i % 8 == 7) ring.Drain(0);
+  }
+  ring.Drain();
+  int shortNames = 0;
+  for (const auto& r : ring.Of<tavo_task_exit_event>(TAVO_EVENT_SCHED_TASK_EXIT)) {
+    if (r.kind != TAVO_TASK_KIND_PROCESS || strcmp(r.comm, "t") != 0) continue;
+    ++shortNames;
+    const std::string tail(r.comm + 2, sizeof(r.comm) - 2);
+    EXPECT_EQ(tail, std::string(tail.size(), '\0')) << "exit record of pid " << r.pid;
+  }
+  EXPECT_GE(shortNames, 60);
 }
 
 }  // namespace

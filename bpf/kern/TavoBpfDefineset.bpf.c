@@ -194,7 +194,9 @@ int sched_sched_process_exit(struct trace_event_raw_sched_process_exit* ctx) {
   if (!rec) return 0;
   rec->pid = tgid;
   if (dead) {
-    /* The process's name is its leader's, whichever thread ends last. */
+    /* The process's name is its leader's, whichever thread ends last. The
+     * string read stops at the NUL; the ring memory after it is stale. */
+    __builtin_memset(rec->comm, 0, sizeof(rec->comm));
     BPF_CORE_READ_STR_INTO(&rec->comm, task, group_leader, comm);
     rec->kind = TAVO_TASK_KIND_PROCESS;
   } else {

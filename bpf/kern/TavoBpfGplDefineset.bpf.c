@@ -115,8 +115,9 @@ int cgroup_cgroup_attach_task(struct trace_event_raw_cgroup_migrate* ctx) {
   rec->dst_id = ctx->dst_id;
   __u32 path_loc = ctx->__data_loc_dst_path;
   __u32 comm_loc = ctx->__data_loc_comm;
-  rec->dst_path[0] = 0;
-  rec->comm[0] = 0;
+  /* The string reads stop at the NUL; the ring memory after it is stale. */
+  __builtin_memset(rec->dst_path, 0, sizeof(rec->dst_path));
+  __builtin_memset(rec->comm, 0, sizeof(rec->comm));
   bpf_probe_read_kernel_str(rec->dst_path, sizeof(rec->dst_path), (char*)ctx + (path_loc & 0xffff));
   bpf_probe_read_kernel_str(rec->comm, sizeof(rec->comm), (char*)ctx + (comm_loc & 0xffff));
   bpf_ringbuf_submit(rec, 0);
