@@ -202,15 +202,17 @@ TEST_F(KernE2eTest, NewThreadRaisesThreadCountAndNeverStartsAProcess) {
     tid = gettid();
     cv.wait(guard, [&] { return release; });
   });
-  auto events = WaitFor([&](const std::vector<Event>& ev) {
-    return !All<TaskCreateRecord>(ev, [&](const TaskCreateRecord& r) { return r.pid == getpid(); }).empty();
-  });
-  // A sanitizer runtime may start a thread of its own meanwhile; every
-  // creation in this process must still be a thread, never a process.
-  auto created = All<TaskCreateRecord>(events, [&](const TaskCreateRecord& r) { return r.pid == getpid(); });
+  auto mine = [&](const TaskCreateRecord& r) { return r.pid == getpid(); };
+  auto events = WaitFor([&](const std::vector<Event>& ev) { return !All<TaskCreateRecord>(ev, mine).empty(); });
+  for (int i = 0; i < 40 && threadNum() == before; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(25));
+  // A sanitizer runtime may start a thread of its own meanwhile, whose
+  // record may still be on its way to the client; every creation in this
+  // process must still be a thread, never a process.
+  events = WaitFor(
+      [&](const std::vector<Event>& ev) { return before + All<TaskCreateRecord>(ev, mine).size() >= threadNum(); });
+  auto created = All<TaskCreateRecord>(events, mine);
   EXPECT_GE(created.size(), 1u);
   for (const auto& record : created) EXPECT_EQ(record.kind, 2u);
-  for (int i = 0; i < 40 && threadNum() == before; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(25));
   EXPECT_GE(threadNum(), before + 1);
   EXPECT_LE(threadNum(), before + created.size());
   {
