@@ -7,7 +7,7 @@ PACKAGES=(
   cmake make g++ clang llvm pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
   android-libbase-dev android-libcutils-dev android-liblog-dev
-  libbpf-dev libbpfcc-dev bpftool linux-libc-dev
+  libbpf-dev libbpfcc-dev bpftool linux-libc-dev libdrm-dev
   "$@"
 )
 
