@@ -7,7 +7,7 @@ PACKAGES=(
   cmake make g++ clang llvm pkg-config libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   android-libbase-dev android-libcutils-dev android-liblog-dev
-  libbpf-dev libbpfcc-dev bpftool linux-libc-dev libfmt-dev
+  libbpf-dev libbpfcc-dev bpftool linux-libc-dev libfmt-dev libdrm-dev
   libncurses-dev tmux
   "$@"
 )

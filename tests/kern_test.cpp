@@ -3,12 +3,15 @@
 // processes, threads and memory.
 #include <gtest/gtest.h>
 
+#include <linux/sched.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <android-base/file.h>
@@ -30,6 +33,7 @@
 #include "tests/support/wait.h"
 #include "tools/tavo_client/tavo_client.h"
 #include "tools/tavo_loader/tavo_bpf_loader.h"
+#include "tools/tavo_vmcheck/tavo_spinning_pair.h"
 #include "util/tavo_properties.h"
 
 using namespace Tavo::Client;
@@ -38,6 +42,10 @@ using namespace Tavo::Bpf;
 namespace {
 
 constexpr size_t kPage = 4096;
+// Kernels before 6.2 let each task hold its rss counter changes until a fault
+// finds more than 64 of them, so counters and rss_stat records may trail the
+// touched pages by up to 66 (seen: 65 on x86-64 5.10).
+constexpr int64_t kRssBatchBytes = 66 * 4096;
 constexpr uint64_t kBothGates = TAVO_STATUS_CORE_ENABLED | TAVO_STATUS_NORMAL_ENABLED;
 
 // What the kernel says of a process's anonymous memory, in bytes.
@@ -97,6 +105,10 @@ class Kernel : public ::testing::Test {
       events_.push_back(e);
       cond_.notify_all();
     }, options);
+    client_->SetRawCallback([this](const char* data, size_t size) {
+      std::lock_guard<std::mutex> guard(lock_);
+      raw_.emplace_back(data, size);
+    });
     ASSERT_TRUE(tavo_test::WaitFor([&] { return service_->parts().hub.Listening(); }));
     ASSERT_EQ(client_->Connect(), 0);
     for (uint32_t code : codes) ASSERT_EQ(client_->Subscribe(code), 0) << code;
@@ -128,6 +140,7 @@ class Kernel : public ::testing::Test {
   std::mutex lock_;
   std::condition_variable cond_;
   std::vector<Event> events_;
+  std::vector<std::string> raw_;  // the same events, as the bytes that came
 };
 
 template <typename T>
@@ -270,19 +283,22 @@ TEST_F(Kernel, MemoryOfAChildIsFollowedToTheStep) {
   ASSERT_EQ(read(report[0], &final, sizeof(final)), static_cast<ssize_t>(sizeof(final)));
   constexpr int64_t kNoticeStep = 16384;  // the last notice may trail by this much
   auto notes = Await<MemoryNotice>([&](const auto& n) { return n.pid == child; },
-                                   [&](const auto& v) { return !v.empty() && v.back().current[1] >= final - kNoticeStep; },
+                                   [&](const auto& v) {
+                                     return !v.empty() && v.back().current[1] >= final - kNoticeStep - kRssBatchBytes;
+                                   },
                                    8000);
   auto records = Await<RssStatRecord>([&](const auto& r) { return r.pid == child && r.member == TAVO_RSS_ANON; },
-                                      [&](const auto& v) { return !v.empty() && v.back().size >= final - 4096; });
+                                      [&](const auto& v) { return !v.empty() && v.back().size >= final - 4096 - kRssBatchBytes; });
   auto parent = Await<RssStatRecord>([&](const auto& r) { return r.pid == getpid() && r.member == TAVO_RSS_ANON; },
                                      [](const auto&) { return true; });
   close(hold[1]);
   waitpid(child, nullptr, 0);
   ASSERT_FALSE(notes.empty());
-  EXPECT_GE(notes.back().current[1] - notes.front().current[1], static_cast<int64_t>(kBytes) - kNoticeStep);
+  EXPECT_GE(notes.back().current[1] - notes.front().current[1],
+            static_cast<int64_t>(kBytes) - kNoticeStep - 2 * kRssBatchBytes);
   for (size_t i = 1; i < notes.size(); ++i) EXPECT_EQ(notes[i].reported, notes[i - 1].current);
   ASSERT_FALSE(records.empty());
-  EXPECT_GE(records.back().size - records.front().size, static_cast<int64_t>(kBytes) - 2 * 4096);
+  EXPECT_GE(records.back().size - records.front().size, static_cast<int64_t>(kBytes) - 2 * 4096 - 2 * kRssBatchBytes);
   // Charged to the parent, its records would run ahead of its own counter.
   if (!parent.empty()) {
     EXPECT_LT(parent.back().size, RssAnonBytes(getpid()) + static_cast<int64_t>(kBytes) / 2);
@@ -319,4 +335,114 @@ TEST_F(Kernel, CoreSwitchAndAFullRing) {
   EXPECT_TRUE(Await<TaskCreateRecord>([&](const auto& r) { return r.pid == held; },
                                       [](const auto&) { return true; }).empty());
   EXPECT_EQ(Flags() & kBothGates, kBothGates);
+}
+
+namespace {
+
+uint64_t MonotonicNs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * 1000000000ull + now.tv_nsec;
+}
+
+// A child made with a chosen pid (clone3 set_tid, 5.5+) that exits when the
+// pipe's write end is closed. Raw system calls only: the parent is threaded.
+pid_t ChildWithPid(pid_t pid, int holdRead, int holdWrite) {
+  clone_args args{};
+  args.exit_signal = SIGCHLD;
+  args.set_tid = reinterpret_cast<uintptr_t>(&pid);
+  args.set_tid_size = 1;
+  const long child = syscall(SYS_clone3, &args, sizeof(args));
+  if (child == 0) {
+    char byte;
+    syscall(SYS_close, holdWrite);
+    syscall(SYS_read, holdRead, &byte, 1);
+    syscall(SYS_exit_group, 0);
+  }
+  return static_cast<pid_t>(child);
+}
+
+}  // namespace
+
+// Kernels whose exit record has no group_dead (5.10, 6.1, 6.12 in the VM
+// matrix) tell the last thread by signal->live and a claim per tgid. A
+// process forked while the core switch is off must still end as a process:
+// its fork drops the claim its pid's previous owner left.
+TEST_F(Kernel, AProcessForkedWhileCoreIsOffEndsAsAProcess) {
+  Load();
+  Start();
+  Connect({TAVO_EVENT_SCHED_TASK_EXIT});
+  const pid_t pid = tavo_test::ReapedPid();  // its end claims the pid
+  Await<TaskExitRecord>([&](const auto& r) { return r.pid == pid; }, Any<TaskExitRecord>);
+  ASSERT_TRUE(service_->enableCoreBpf(0, false));
+  android::base::unique_fd holdRead, holdWrite;
+  ASSERT_TRUE(android::base::Pipe(&holdRead, &holdWrite));
+  const pid_t child = ChildWithPid(pid, holdRead.get(), holdWrite.get());
+  ASSERT_TRUE(service_->enableCoreBpf(0, true));
+  if (child < 0) GTEST_SKIP() << "cannot start a child as pid " << pid << ": " << strerror(errno);
+  const uint64_t released = MonotonicNs();
+  holdWrite.reset();
+  waitpid(child, nullptr, 0);
+  auto ends = Await<TaskExitRecord>([&](const auto& r) { return r.pid == child && r.header.ts > released; },
+                                    Any<TaskExitRecord>);
+  ASSERT_EQ(ends.size(), 1u);
+  EXPECT_EQ(ends[0].kind, 1u) << "a process end, not a thread's";
+}
+
+// The GPL exit program reports a process's dropped dma-buf total once, also
+// when its last two threads end together.
+TEST_F(Kernel, AGroupEndingInTwoThreadsAtOnceDropsItsDmabufTotalOnce) {
+  Load();
+  Start();
+  Connect({TAVO_EVENT_DMABUF_SIZE_INFO});
+  auto sizes = TavoBpfMap<int32_t, tavo_dmabuf_size_value>::OpenPinned(
+      PinnedMapPath(kBpfPinDir, kGplObject, kDmabufSizeMap));
+  ASSERT_TRUE(sizes.ok());
+  std::vector<pid_t> children;
+  for (int round = 0; round < 60; ++round) {
+    const pid_t child = Tavo::VmCheck::SpinningPair();
+    ASSERT_GT(child, 0) << "no child with two running threads";
+    ASSERT_TRUE(sizes->Update(child, tavo_dmabuf_size_value{4096, 0}).ok());
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    children.push_back(child);
+  }
+  auto drops = Await<DmabufSizeRecord>([](const auto& r) { return r.total == 0; },
+                                       [&](const auto& v) { return v.size() >= children.size(); });
+  for (pid_t child : children) {
+    size_t count = 0;
+    for (const auto& r : drops) count += r.pid == child;
+    EXPECT_EQ(count, 1u) << "type-4 drops for pid " << child;
+  }
+}
+
+// Names copied into ring records are padded with zeros: a short name does
+// not carry the bytes of a longer one that used the same ring memory.
+TEST_F(Kernel, RecordNamesAreZeroPaddedInAReusedRing) {
+  Tavo::Loader::LoaderOptions loader;
+  loader.normalRingBytes = 4096;  // wraps every few dozen processes
+  Load(loader);
+  Start();
+  Connect({TAVO_EVENT_SCHED_TASK_EXIT});
+  for (int i = 0; i < 240; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      prctl(PR_SET_NAME, i % 3 == 0 ? "t" : "tavo_long_name_");
+      _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+  }
+  Await<TaskExitRecord>([](const auto& r) { return r.comm == "t"; },
+                        [](const auto& v) { return v.size() >= 60; });
+  std::lock_guard<std::mutex> guard(lock_);
+  int shortNames = 0;
+  for (const std::string& bytes : raw_) {
+    tavo_task_exit_event r{};
+    if (bytes.size() != sizeof(r)) continue;
+    memcpy(&r, bytes.data(), sizeof(r));
+    if (r.hdr.type != TAVO_EVENT_SCHED_TASK_EXIT || strcmp(r.comm, "t") != 0) continue;
+    ++shortNames;
+    EXPECT_EQ(std::string(r.comm + 2, sizeof(r.comm) - 2), std::string(sizeof(r.comm) - 2, '\0')) << r.hdr.ts;
+  }
+  EXPECT_GE(shortNames, 60);
 }

@@ -133,19 +133,34 @@ struct {
 
 static __always_inline bool tavo_process_ended(struct trace_event_raw_sched_process_exit* ctx,
                                                struct task_struct* task, __s32 tgid) {
-  if (bpf_core_field_exists(ctx->group_dead)) return ctx->group_dead;
-  if (!tavo_group_dead(task)) return false;
+  if (!tavo_exit_may_end_process(ctx, task)) return false;
+  if (bpf_core_field_exists(ctx->group_dead)) return true;
   __u8 one = 1;
   return bpf_map_update_elem(&exit_claims, &tgid, &one, BPF_NOEXIST) == 0;
 }
 
 SEC("tracepoint/sched/sched_process_fork")
 int sched_sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
-  if (!tavo_enabled(TAVO_STATUS_CORE_ENABLED)) return 0;
   struct task_struct* parent = (struct task_struct*)bpf_get_current_task();
   pid_t child = ctx->child_pid;
   __s32 tgid = (__s32)tavo_current_tgid();
   bool thread = tavo_is_new_thread(parent, child);
+
+  /*
+   * Bookkeeping first, whatever the gate and the ring say: a claim left by
+   * the pid's previous owner would turn this process's end into a thread
+   * end, and the child inherits the parent's descriptors.
+   */
+  if (!thread) {
+    bpf_map_delete_elem(&exit_claims, &child);
+    struct tavo_open_fd_value* fds = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
+    if (fds) {
+      struct tavo_open_fd_value copy = *fds;
+      copy.pid = child;
+      bpf_map_update_elem(&open_fd_caller_map, &child, &copy, BPF_ANY);
+    }
+  }
+  if (!tavo_enabled(TAVO_STATUS_CORE_ENABLED)) return 0;
 
   struct tavo_task_create_event* rec =
       TAVO_RESERVE(struct tavo_task_create_event, TAVO_EVENT_SCHED_TASK_CREATE);
@@ -163,17 +178,6 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
   /* The child starts with the parent's name. */
   bpf_get_current_comm(rec->comm, sizeof(rec->comm));
   tavo_submit(rec);
-
-  if (!thread) {
-    bpf_map_delete_elem(&exit_claims, &child);
-    /* The child inherits the parent's descriptors. */
-    struct tavo_open_fd_value* fds = bpf_map_lookup_elem(&open_fd_caller_map, &tgid);
-    if (fds) {
-      struct tavo_open_fd_value copy = *fds;
-      copy.pid = child;
-      bpf_map_update_elem(&open_fd_caller_map, &child, &copy, BPF_ANY);
-    }
-  }
   return 0;
 }
 
@@ -190,7 +194,9 @@ int sched_sched_process_exit(struct trace_event_raw_sched_process_exit* ctx) {
   if (!rec) return 0;
   rec->pid = tgid;
   if (dead) {
-    /* The process's name is its leader's, whichever thread ends last. */
+    /* The process's name is its leader's, whichever thread ends last. The
+     * string read stops at the NUL; the ring memory after it is stale. */
+    __builtin_memset(rec->comm, 0, sizeof(rec->comm));
     BPF_CORE_READ_STR_INTO(&rec->comm, task, group_leader, comm);
     rec->kind = TAVO_TASK_KIND_PROCESS;
   } else {

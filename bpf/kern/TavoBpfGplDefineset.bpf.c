@@ -86,15 +86,16 @@ static __always_inline void tavo_charge(__s32 pid, __s64 delta) {
 /*
  * At the last thread's exit drop the process's total. When there was one,
  * say so on this ring (type 4, total 0). The process exit record itself
- * comes from the normal object only.
+ * comes from the normal object only. Two threads ending at once may both
+ * get here; the entry is the claim: only the one whose delete removes it
+ * reports.
  */
 SEC("tracepoint/sched/sched_process_exit")
-int sched_sched_process_exit(void* ctx) {
+int sched_sched_process_exit(struct trace_event_raw_sched_process_exit* ctx) {
   struct task_struct* task = (struct task_struct*)bpf_get_current_task();
-  if (!tavo_group_dead(task)) return 0;
+  if (!tavo_exit_may_end_process(ctx, task)) return 0;
   __s32 tgid = (__s32)tavo_current_tgid();
-  if (!bpf_map_lookup_elem(&dmabuf_size_map, &tgid)) return 0;
-  bpf_map_delete_elem(&dmabuf_size_map, &tgid);
+  if (bpf_map_delete_elem(&dmabuf_size_map, &tgid) != 0) return 0;
   if (tavo_enabled(TAVO_STATUS_NORMAL_ENABLED)) tavo_emit_dmabuf_total(tgid, 0);
   return 0;
 }
@@ -114,8 +115,9 @@ int cgroup_cgroup_attach_task(struct trace_event_raw_cgroup_migrate* ctx) {
   rec->dst_id = ctx->dst_id;
   __u32 path_loc = ctx->__data_loc_dst_path;
   __u32 comm_loc = ctx->__data_loc_comm;
-  rec->dst_path[0] = 0;
-  rec->comm[0] = 0;
+  /* The string reads stop at the NUL; the ring memory after it is stale. */
+  __builtin_memset(rec->dst_path, 0, sizeof(rec->dst_path));
+  __builtin_memset(rec->comm, 0, sizeof(rec->comm));
   bpf_probe_read_kernel_str(rec->dst_path, sizeof(rec->dst_path), (char*)ctx + (path_loc & 0xffff));
   bpf_probe_read_kernel_str(rec->comm, sizeof(rec->comm), (char*)ctx + (comm_loc & 0xffff));
   bpf_ringbuf_submit(rec, 0);

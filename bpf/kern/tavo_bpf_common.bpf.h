@@ -14,6 +14,23 @@
 
 #include "vmlinux.h"
 
+#if defined(__TARGET_ARCH_arm64)
+/*
+ * Kprobe arguments on AArch64 come from the register block at the start of
+ * struct pt_regs, which libbpf reads as struct user_pt_regs. vmlinux.h is
+ * generated from the build machine's BTF and lacks it on an x86-64 build
+ * machine; the layout is part of the user-space ABI, so it is spelled out
+ * here under a name of its own.
+ */
+struct tavo_user_pt_regs {
+  __u64 regs[31];
+  __u64 sp;
+  __u64 pc;
+  __u64 pstate;
+};
+#define user_pt_regs tavo_user_pt_regs
+#endif
+
 #include <bpf/bpf_core_read.h>
 #include <bpf/bpf_helpers.h>
 #include <bpf/bpf_tracing.h>
@@ -108,6 +125,18 @@ static __always_inline __u32 tavo_current_tgid(void) { return bpf_get_current_pi
  */
 static __always_inline bool tavo_group_dead(struct task_struct* task) {
   return BPF_CORE_READ(task, signal, live.counter) == 0;
+}
+
+/*
+ * Whether this exit ends the process, as far as the record says. Kernels
+ * whose record carries group_dead name exactly one thread; elsewhere every
+ * thread that finds signal->live at 0 answers yes (two threads ending at
+ * once both can), and the caller needs a claim of its own.
+ */
+static __always_inline bool tavo_exit_may_end_process(struct trace_event_raw_sched_process_exit* ctx,
+                                                      struct task_struct* task) {
+  if (bpf_core_field_exists(ctx->group_dead)) return ctx->group_dead;
+  return tavo_group_dead(task);
 }
 
 #endif /* TAVO_BPF_COMMON_BPF_H */

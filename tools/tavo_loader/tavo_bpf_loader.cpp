@@ -1,3 +1,4 @@
+#include <android-base/file.h>
 #include <android-base/parseint.h>
 
 #include "tools/tavo_loader/tavo_bpf_loader.h"
@@ -23,7 +24,6 @@
 #include "bpf/tavo_bpf_pins.h"
 #include "bpf/tavo_bpf_records.h"
 #include "bpf/tavo_bpf_syscall.h"
-#include "tavo_bpf_object_paths.h"
 #include "util/tavo_log.h"
 
 namespace Tavo::Loader {
@@ -210,7 +210,16 @@ int LoadObject(const ObjectSpec& spec, const LoaderOptions& options, LoadReport*
 
 std::string DefaultObjectDir() {
   const char* env = getenv("TAVO_BPF_OBJECT_DIR");
-  return env && *env ? env : TAVO_BPF_OBJECT_DIR;
+  if (env && *env) return env;
+  // The build puts the objects in <build>/bpf/, the programs one or two
+  // levels below <build>; a copied tree (a VM image, a device) keeps that shape.
+  std::string dir = android::base::GetExecutableDirectory();
+  const std::string probe = std::string("/bpf/") + kNormalObject + ".bpf.o";
+  for (int up = 0; up < 3; ++up) {
+    if (access((dir + probe).c_str(), R_OK) == 0) return dir + "/bpf";
+    dir = android::base::Dirname(dir);
+  }
+  return android::base::GetExecutableDirectory() + "/../bpf";
 }
 
 int MountBpfFs() {

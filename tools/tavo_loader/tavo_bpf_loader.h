@@ -55,7 +55,8 @@ int RemovePins(const std::vector<std::string>& pins, const std::string& pinDir =
 // it is empty. Returns the number removed, or -1 when pinDir is unreadable.
 int UnloadAll(const std::string& pinDir = kDefaultPinDir);
 
-// The build's object directory, or $TAVO_BPF_OBJECT_DIR when set.
+// $TAVO_BPF_OBJECT_DIR when set, else the nearest "bpf" folder holding the
+// objects in the executable's folder or one of its two parents.
 std::string DefaultObjectDir();
 
 }  // namespace Tavo::Loader

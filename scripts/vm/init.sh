@@ -1,0 +1,87 @@
+#!/bin/busybox sh
+# /init of a kernel-matrix VM (scripts/vmtest.sh): mounts what the service
+# and the tests need, loads vgem, runs the test binaries case by case (each
+# case in its own process, as CTest does), then the end-to-end check, prints
+# the one summary line and powers off.
+/bin/busybox --install -s /bin
+export PATH=/bin HOME=/tmp
+. /vmtest.conf
+export LD_LIBRARY_PATH=$VM_LIBPATH
+
+mount -t proc proc /proc
+mount -t sysfs sysfs /sys
+mount -t devtmpfs devtmpfs /dev
+mount -t tmpfs tmpfs /tmp
+mount -t tmpfs tmpfs /run
+mount -t tracefs tracefs /sys/kernel/tracing
+mount -t debugfs debugfs /sys/kernel/debug
+mount -t bpf bpf /sys/fs/bpf
+mount -t cgroup2 cgroup2 /sys/fs/cgroup
+ulimit -l unlimited
+# The service treats pids 2..300 as system processes (no memory notices);
+# start the test processes above them, as on a booted system.
+echo 1000 >/proc/sys/kernel/ns_last_pid
+
+release=$(uname -r)
+printf "\nvmtest: booted %s %s, %s CPUs\n" "$VM_ARCH" "$release" "$(nproc)"
+while read -r m; do
+  insmod "/modules/$m" || echo "vmtest: insmod $m failed"
+done </modules.order
+
+# --- test binaries ------------------------------------------------------------
+results=/tmp/results
+: >$results
+# Runs the cases listed in $1, one process each, appending "PASS|FAIL|SKIP name".
+run_cases() {
+  log=/tmp/case.$2.log
+  while read -r exe name; do
+    (cd "${exe%/*}" && timeout 300 "$exe" --gtest_filter="$name" >$log 2>&1)
+    rc=$?
+    if [ $rc -eq 0 ] && grep -q '^\[  SKIPPED \]' $log; then
+      echo "SKIP $name" >>$results
+    elif [ $rc -eq 0 ]; then
+      echo "PASS $name" >>$results
+    else
+      echo "FAIL $name" >>$results
+      echo "vmtest: FAILED $name (exit $rc)"
+      tail -n 40 $log | sed 's/^/  | /'
+    fi
+  done <"$1"
+}
+
+# The image holds only test programs under tests/ (and BPF objects, not
+# executable); each lists its cases.
+: >/tmp/cases
+for exe in $(find "$VM_BUILD/tests" -type f -perm -100 | sort); do
+  "$exe" --gtest_list_tests 2>/dev/null |
+    awk -v exe="$exe" '/^[^ ]/ {suite = $1; next} /^  [^ ]/ {print exe, suite $1}' >>/tmp/cases
+done
+echo "vmtest: $(wc -l </tmp/cases) test cases ($VM_SUITE suite)"
+# Two workers, one per CPU.
+awk 'NR % 2 == 1' /tmp/cases >/tmp/cases.1
+awk 'NR % 2 == 0' /tmp/cases >/tmp/cases.2
+run_cases /tmp/cases.1 1 &
+run_cases /tmp/cases.2 2 &
+wait
+
+# --- end to end ---------------------------------------------------------------
+echo "vmtest: end-to-end check"
+"$VM_BUILD/tools/tavo_vmcheck/tavo_vmcheck" --log /tmp/tavo_bpfd.log >/tmp/vmcheck.out 2>/tmp/vmcheck.err
+cat /tmp/vmcheck.out
+grep '^vmcheck: PASS' /tmp/vmcheck.out | sed 's/^vmcheck: PASS \([^:]*\).*/PASS e2e.\1/' >>$results
+grep '^vmcheck: FAIL' /tmp/vmcheck.out | sed 's/^vmcheck: FAIL \([^:]*\).*/FAIL e2e.\1/' >>$results
+if grep -q '^vmcheck: FAIL' /tmp/vmcheck.out || ! grep -q '^vmcheck: rows' /tmp/vmcheck.out; then
+  grep -q '^vmcheck: rows' /tmp/vmcheck.out || echo "FAIL e2e.run" >>$results
+  echo "vmtest: daemon log (last 60 lines):"
+  tail -n 60 /tmp/tavo_bpfd.log | sed 's/^/  | /'
+  tail -n 20 /tmp/vmcheck.err | sed 's/^/  | /'
+fi
+
+passed=$(grep -c '^PASS' $results)
+failed=$(grep -c '^FAIL' $results)
+skipped=$(grep -c '^SKIP' $results)
+rows=$(sed -n 's/^vmcheck: rows attached \([0-9]*\), skipped by version \([0-9]*\), failed \([0-9]*\); dma-buf notices \([0-9]*\)$/\1 \2 \3 \4/p' /tmp/vmcheck.out)
+set -- ${rows:-0 0 0 0}
+echo "vmtest $VM_ARCH $release: $passed passed, $failed failed, $skipped skipped; rows attached $1, skipped by version $2, failed $3; dma-buf notices $4"
+sync
+poweroff -f

@@ -1,0 +1,618 @@
+// tavo_vmcheck: end-to-end check of tavo_bpfd on the running kernel, for the
+// kernel-matrix VMs (scripts/vmtest.sh). Needs root, bpffs and tracefs.
+//   tavo_vmcheck [--bpfd PATH] [--exerciser PATH] [--log PATH]
+// Starts the daemon, subscribes as a client and checks:
+//   rows      every attach-table row attached, or skipped by version exactly
+//             as the tables say; a kprobe row may fail only where this kernel
+//             lacks the function (not in /proc/kallsyms)
+//   life      a child's fork, thread, memory and exit records and notices
+//   exits     children ending in several threads at once: one kind-1 exit
+//             record and one 50002 each
+//   openfd    a child opening and closing N descriptors moves its count in
+//             the open-fd map by N and back
+//   dmabuf    tavo_dmabuf_exerciser's buffers: records with the right
+//             process, inode and size, and 50005 totals back to 0
+// Prints "vmcheck: PASS|FAIL <check>[: detail]" per check, notes, and
+//   vmcheck: rows attached A, skipped by version V, failed X; dma-buf notices N
+// Exit status 0 when every check passed.
+#include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <android-base/file.h>
+#include <android-base/properties.h>
+#include <android-base/stringprintf.h>
+#include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bpf/tavo_bpf_attach_tables.h"
+#include "bpf/tavo_bpf_map.h"
+#include "bpf/tavo_bpf_pins.h"
+#include "bpf/tavo_bpf_records.h"
+#include "tools/tavo_client/tavo_client.h"
+#include "tools/tavo_vmcheck/tavo_spinning_pair.h"
+
+using android::base::StringPrintf;
+using android::base::unique_fd;
+using namespace Tavo::Client;
+
+namespace {
+
+using Tavo::Bpf::kBpfPinDir;
+constexpr const char* kNormal = Tavo::Bpf::kNormalObject;
+constexpr const char* kGpl = Tavo::Bpf::kGplObject;
+
+struct Result {
+  int passed = 0;
+  int failed = 0;
+  void Report(const std::string& check, const std::string& failure, const std::string& detail = "") {
+    if (failure.empty()) {
+      ++passed;
+      printf("vmcheck: PASS %s%s%s\n", check.c_str(), detail.empty() ? "" : ": ", detail.c_str());
+    } else {
+      ++failed;
+      printf("vmcheck: FAIL %s: %s\n", check.c_str(), failure.c_str());
+    }
+    fflush(stdout);
+  }
+};
+
+void Note(const std::string& text) {
+  printf("vmcheck: note: %s\n", text.c_str());
+  fflush(stdout);
+}
+
+// Every event the client received, in order.
+class Collector {
+ public:
+  void Add(const Event& event) {
+    std::lock_guard<std::mutex> guard(lock_);
+    events_.push_back(event);
+    cond_.notify_all();
+  }
+  // Waits until done(events) holds or the time runs out; returns a copy.
+  std::vector<Event> WaitFor(const std::function<bool(const std::vector<Event>&)>& done, int ms) {
+    std::unique_lock<std::mutex> guard(lock_);
+    cond_.wait_for(guard, std::chrono::milliseconds(ms), [&] { return done(events_); });
+    return events_;
+  }
+  std::vector<Event> Settle(int ms) {
+    return WaitFor([](const std::vector<Event>&) { return false; }, ms);
+  }
+
+ private:
+  std::mutex lock_;
+  std::condition_variable cond_;
+  std::vector<Event> events_;
+};
+
+template <typename T>
+std::vector<T> All(const std::vector<Event>& events, const std::function<bool(const T&)>& keep) {
+  std::vector<T> out;
+  for (const Event& e : events) {
+    const T* v = std::get_if<T>(&e);
+    if (v != nullptr && keep(*v)) out.push_back(*v);
+  }
+  return out;
+}
+
+template <typename T>
+size_t Count(const std::vector<Event>& events, const std::function<bool(const T&)>& keep) {
+  return All<T>(events, keep).size();
+}
+
+uint64_t StatusFlags(const char* object) {
+  auto status = Tavo::Bpf::TavoBpfMap<uint32_t, uint64_t>::OpenPinned(
+      Tavo::Bpf::PinnedMapPath(kBpfPinDir, object, Tavo::Bpf::kRingbufStatusMap));
+  return status.ok() ? status->Lookup(TAVO_STATUS_FLAGS).value_or(0) : 0;
+}
+
+bool Wait(const std::function<bool()>& done, int ms) {
+  for (int waited = 0; waited < ms; waited += 50) {
+    if (done()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return done();
+}
+
+// Text symbols of the running kernel.
+std::set<std::string> KernelFunctions() {
+  std::string text;
+  android::base::ReadFileToString("/proc/kallsyms", &text);
+  std::set<std::string> names;
+  for (const std::string& line : android::base::Split(text, "\n")) {
+    const std::vector<std::string> f = android::base::Split(line, " ");
+    if (f.size() >= 3 && (f[1] == "t" || f[1] == "T")) names.insert(f[2]);
+  }
+  return names;
+}
+
+// ---- rows ---------------------------------------------------------------
+
+struct RowCounts {
+  int attached = 0;
+  int skipped = 0;
+  int failed = 0;
+  std::set<std::string> attachedProgs;  // "<object>/<progName>"
+};
+
+const char* const kTypeWords[] = {"tracepoint", "kprobe", "kretprobe"};
+
+// What the daemon's log says of one row: 'S'kipped, 'A'ttached, 'F'ailed, or 0.
+char RowVerdict(const std::vector<std::string>& lines, const std::string& object, int type,
+                const std::string& prog) {
+  const std::string skip = "Skip bpf prog: " + object + ", progName: " + prog + ", kernelCompat";
+  const std::string start = "Attach bpf prog start: " + object + ", progName: " + prog;
+  const std::string fail = StringPrintf("Attach %s prog failed: %s, %s: %s, msg:", kTypeWords[type],
+                                        object.c_str(), type == 0 ? "type" : "progname", prog.c_str());
+  char verdict = 0;
+  for (const std::string& line : lines) {
+    if (line.find(skip) != std::string::npos) return 'S';
+    if (android::base::EndsWith(line, start)) verdict = 'A';
+    if (line.find(fail) != std::string::npos) return 'F';
+  }
+  return verdict;
+}
+
+RowCounts CheckRows(const std::string& logPath, Result* result) {
+  RowCounts counts;
+  std::vector<std::string> lines;
+  int rows = 0, decided = 0;
+  auto decide = [&] {
+    std::string log;
+    android::base::ReadFileToString(logPath, &log);
+    lines = android::base::Split(log, "\n");
+    rows = decided = 0;
+    for (const auto* table : {&Tavo::Bpf::PROG_EVENT_MAP, &Tavo::Bpf::PROG_GPL_EVENT_MAP})
+      for (const auto& [object, byType] : *table)
+        for (const auto& [type, list] : byType)
+          for (const auto& row : list) {
+            ++rows;
+            decided += RowVerdict(lines, object, type, row[0]) != 0;
+          }
+    return rows == decided;
+  };
+  // The programs are enabled (what main waited for) only after every row
+  // was tried, so the log is complete; this only guards a slow writer.
+  Wait(decide, 10000);
+
+  const std::set<std::string> functions = KernelFunctions();
+  std::string failure;
+  for (const auto* table : {&Tavo::Bpf::PROG_EVENT_MAP, &Tavo::Bpf::PROG_GPL_EVENT_MAP}) {
+    for (const auto& [object, byType] : *table) {
+      for (const auto& [type, list] : byType) {
+        for (const auto& row : list) {
+          const std::string name = object + "/" + row[0];
+          const bool applies = Tavo::Bpf::CheckBpfCompatibility(row[3]);
+          const char verdict = RowVerdict(lines, object, type, row[0]);
+          if (verdict == 'S') ++counts.skipped;
+          if (verdict == 'A') {
+            ++counts.attached;
+            counts.attachedProgs.insert(name);
+          }
+          if (verdict == 0) failure += " " + name + " has no verdict in the log;";
+          if ((verdict == 'S') == applies) {
+            failure += StringPrintf(" %s (rule %s) was %s;", name.c_str(), row[3].c_str(),
+                                    applies ? "skipped" : "not skipped");
+          }
+          if (verdict != 'F') continue;
+          ++counts.failed;
+          if (type != 0 && functions.count(row[1]) == 0) {
+            Note("row failed: " + name + " (" + kTypeWords[type] + " on " + row[1] +
+                 ", which this kernel does not have)");
+          } else {
+            failure += " " + name + " failed to attach to " + row[1] + ", which this kernel has;";
+          }
+        }
+      }
+    }
+  }
+  result->Report("rows", failure,
+                 StringPrintf("%d rows: %d attached, %d skipped by version, %d failed", rows, counts.attached,
+                              counts.skipped, counts.failed));
+  return counts;
+}
+
+// ---- process life cycle -----------------------------------------------------
+
+void* WaitOnPipe(void* fd) {
+  char byte;
+  while (read(static_cast<unique_fd*>(fd)->get(), &byte, 1) > 0) {
+  }
+  return nullptr;
+}
+
+constexpr int kLifeThreads = 12;  // a thread-count notice needs 11 more threads
+constexpr size_t kLifeBytes = 8u << 20;
+
+void CheckLife(Collector& events, Result* result) {
+  unique_fd holdRead, holdWrite;
+  if (!android::base::Pipe(&holdRead, &holdWrite)) return result->Report("life", "pipe failed");
+  const pid_t child = fork();
+  if (child == 0) {
+    holdWrite.reset();
+    prctl(PR_SET_NAME, "tavo_vm_life");
+    usleep(3300 * 1000);  // past the service's settling time for notices
+    pthread_t threads[kLifeThreads];
+    for (pthread_t& t : threads) {
+      if (pthread_create(&t, nullptr, WaitOnPipe, &holdRead) != 0) _exit(1);
+    }
+    char* p = static_cast<char*>(mmap(nullptr, kLifeBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    if (p == MAP_FAILED) _exit(1);
+    for (size_t i = 0; i < kLifeBytes; i += 4096) p[i] = 1;
+    usleep(500 * 1000);
+    _exit(0);  // ends every thread at once
+  }
+  holdRead.reset();
+  int status = 0;
+  waitpid(child, &status, 0);
+  holdWrite.reset();
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return result->Report("life", "the child failed");
+
+  auto mine = [child](const auto& e) { return e.pid == child; };
+  std::vector<Event> seen = events.WaitFor(
+      [&](const std::vector<Event>& ev) { return Count<ProcessExitNotice>(ev, mine) > 0; }, 30000);
+  seen = events.Settle(1000);  // a second end notice would show by now
+  std::string failure;
+  auto expect = [&failure](bool ok, const std::string& what) {
+    if (!ok) failure += " " + what + ";";
+  };
+  const auto created = All<TaskCreateRecord>(seen, mine);
+  expect(std::count_if(created.begin(), created.end(), [](auto& r) { return r.kind == 1; }) == 1,
+         "one kind-1 creation record");
+  expect(std::count_if(created.begin(), created.end(), [](auto& r) { return r.kind == 2; }) == kLifeThreads,
+         StringPrintf("%d kind-2 creation records", kLifeThreads));
+  const auto ended = All<TaskExitRecord>(seen, mine);
+  expect(std::count_if(ended.begin(), ended.end(), [](auto& r) { return r.kind == 1; }) == 1,
+         "one kind-1 exit record");
+  expect(Count<ProcessStartNotice>(seen, mine) == 1, "one 50001");
+  const auto threads = All<ThreadCountNotice>(seen, mine);
+  expect(std::any_of(threads.begin(), threads.end(),
+                     [](auto& n) { return n.threadNum >= n.oldThreadNum + kLifeThreads - 1; }),
+         "a 50003 for the new threads");
+  const auto memory = All<MemoryNotice>(seen, mine);
+  expect(std::any_of(memory.begin(), memory.end(),
+                     [](auto& n) { return n.current[1] >= static_cast<int64_t>(kLifeBytes); }),
+         "a 50004 with the touched memory");
+  const auto exits = All<ProcessExitNotice>(seen, mine);
+  expect(exits.size() == 1 && exits[0].comm == "tavo_vm_life",
+         StringPrintf("exactly one 50002 named tavo_vm_life (got %zu)", exits.size()));
+  result->Report("life", failure,
+                 StringPrintf("pid %d: %zu creation, %zu exit records, %zu 50003, %zu 50004, one 50002", child,
+                              created.size(), ended.size(), threads.size(), memory.size()));
+}
+
+constexpr int kExitChildren = 40;
+
+// Each child is killed while its two threads spin on two CPUs, so both end
+// at once: still one kind-1 exit record and one 50002.
+void CheckExits(Collector& events, Result* result) {
+  std::set<pid_t> children;
+  for (int i = 0; i < kExitChildren; ++i) {
+    const pid_t child = Tavo::VmCheck::SpinningPair();
+    if (child < 0) return result->Report("exits", "no child with two running threads");
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    children.insert(child);
+  }
+  auto ours = [&children](const auto& e) { return children.count(e.pid) != 0; };
+  events.WaitFor([&](const std::vector<Event>& ev) { return Count<ProcessExitNotice>(ev, ours) >= children.size(); },
+                 30000);
+  const std::vector<Event> seen = events.Settle(1000);
+  std::map<pid_t, int> notices, records;
+  for (const auto& n : All<ProcessExitNotice>(seen, ours)) ++notices[n.pid];
+  for (const auto& r : All<TaskExitRecord>(seen, ours)) records[r.pid] += r.kind == 1;
+  std::string failure;
+  for (pid_t pid : children) {
+    if (notices[pid] != 1 || records[pid] != 1)
+      failure += StringPrintf(" pid %d: %d 50002, %d kind-1 exit records;", pid, notices[pid], records[pid]);
+  }
+  result->Report("exits", failure, StringPrintf("%d children killed in two threads, one end each", kExitChildren));
+}
+
+// ---- open descriptors -------------------------------------------------------
+
+constexpr int kOpenFds = 40;
+
+void CheckOpenFds(const RowCounts& rows, const std::set<std::string>& functions, Result* result) {
+  if (rows.attachedProgs.count(std::string(kNormal) + "/enter_fd_install") == 0 ||
+      rows.attachedProgs.count(std::string(kNormal) + "/return_filp_close") == 0) {
+    return result->Report("openfd", "", "skipped: the fd rows are not attached");
+  }
+  auto map = Tavo::Bpf::TavoBpfMap<int32_t, tavo_open_fd_value>::OpenPinned(
+      Tavo::Bpf::PinnedMapPath(kBpfPinDir, kNormal, Tavo::Bpf::kOpenFdMap));
+  if (!map.ok()) return result->Report("openfd", "open_fd_caller_map is not pinned");
+  unique_fd cmdRead, cmdWrite, ackRead, ackWrite;
+  if (!android::base::Pipe(&cmdRead, &cmdWrite) || !android::base::Pipe(&ackRead, &ackWrite))
+    return result->Report("openfd", "pipe failed");
+  const pid_t child = fork();
+  if (child == 0) {
+    cmdWrite.reset();
+    ackRead.reset();
+    std::vector<unique_fd> fds;
+    char c = 'r';
+    while (write(ackWrite.get(), &c, 1) == 1 && read(cmdRead.get(), &c, 1) == 1) {
+      if (c == 'o')
+        for (int i = 0; i < kOpenFds; ++i) fds.emplace_back(open("/dev/null", O_RDONLY));
+      if (c == 'c') fds.clear();
+    }
+    _exit(0);
+  }
+  cmdRead.reset();
+  ackWrite.reset();
+  auto step = [&](char c) {
+    char r;
+    if (c != 0 && write(cmdWrite.get(), &c, 1) != 1) return false;
+    return read(ackRead.get(), &r, 1) == 1;
+  };
+  auto count = [&]() -> int64_t {
+    auto value = map->Lookup(child);
+    return value.ok() ? static_cast<int64_t>(value->fd_count) : 0;
+  };
+  int64_t before = -1, opened = -1, closed = -1;
+  if (step(0)) before = count();
+  if (step('o')) opened = count();
+  if (step('c')) closed = count();
+  cmdWrite.reset();
+  ackRead.reset();
+  waitpid(child, nullptr, 0);
+
+  const std::string seen =
+      StringPrintf("count %lld, %lld after %d opens, %lld after closing them", static_cast<long long>(before),
+                   static_cast<long long>(opened), kOpenFds, static_cast<long long>(closed));
+  std::string failure;
+  if (opened - before != kOpenFds) failure = seen;
+  // Since filp_flush came in, close(2) no longer passes filp_close (only
+  // exit and close_range do), so the kretprobe row cannot see it.
+  const bool closeBypassesFilpClose = functions.count("filp_flush") != 0;
+  if (closeBypassesFilpClose) {
+    if (closed != opened) failure = seen;
+    Note("open-fd counts: close(2) does not reach filp_close on this kernel (it has filp_flush): the count "
+         "rises by N and stays; the row on filp_close cannot see those closes");
+  } else if (closed != before) {
+    failure = seen;
+  }
+  result->Report("openfd", failure, StringPrintf("pid %d: ", child) + seen);
+}
+
+// ---- dma-buf -----------------------------------------------------------------
+
+struct ExercisedBuffer {
+  pid_t exporter = 0;
+  uint64_t inode = 0;
+  uint64_t size = 0;
+  pid_t mapper = 0;
+};
+
+bool AnyAttached(const RowCounts& rows, const std::string& prefix) {
+  for (const std::string& name : rows.attachedProgs)
+    if (android::base::StartsWith(name, std::string(kGpl) + "/" + prefix)) return true;
+  return false;
+}
+
+void CheckDmabuf(Collector& events, const RowCounts& rows, const std::string& exerciser, Result* result) {
+  if (access("/dev/dri/card0", R_OK | W_OK) != 0) return result->Report("dmabuf", "no vgem device at /dev/dri/card0");
+  // The exerciser and its child stay until their input closes: a process's
+  // exit purges its dma-buf entries, and the totals are to come back to 0
+  // because it let go, not because it went.
+  unique_fd outRead, outWrite, inRead, inWrite;
+  if (!android::base::Pipe(&outRead, &outWrite) || !android::base::Pipe(&inRead, &inWrite))
+    return result->Report("dmabuf", "pipe failed");
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(outWrite.get(), STDOUT_FILENO);
+    dup2(inRead.get(), STDIN_FILENO);
+    execl(exerciser.c_str(), exerciser.c_str(), "--hold", "/dev/dri/card0", nullptr);
+    _exit(127);
+  }
+  outWrite.reset();
+  inRead.reset();
+  std::string text;
+  android::base::ReadFdToString(outRead.get(), &text);
+  outRead.reset();
+  auto finish = [&] {
+    inWrite.reset();
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  };
+
+  std::map<std::string, ExercisedBuffer> buffers;
+  for (const std::string& line : android::base::Split(text, "\n")) {
+    char name[8] = {};
+    int who = 0;
+    unsigned long long inode = 0, size = 0;
+    if (sscanf(line.c_str(), "buffer %7s %d %llu %llu", name, &who, &inode, &size) == 4) {
+      buffers[name].exporter = who;
+      buffers[name].inode = inode;
+      buffers[name].size = size;
+    } else if (sscanf(line.c_str(), "mapped %7s %d", name, &who) == 2) {
+      buffers[name].mapper = who;
+    }
+  }
+  if (buffers.size() != 2) {
+    finish();
+    return result->Report("dmabuf", "the exerciser failed: " + text);
+  }
+
+  const bool mmapRow = AnyAttached(rows, "enter_dma_buf_mmap_internal_");
+  const bool munmapRow = AnyAttached(rows, "enter___vm_munmap");
+  const bool releaseRow = AnyAttached(rows, "enter_dma_buf_file_release_");
+  const bool setupRow = AnyAttached(rows, "enter_dma_buf_stats_setup_");
+  auto dmabufType = [](uint32_t type) {
+    return [type](const DmabufRecord& r) { return r.header.type == type; };
+  };
+  std::set<pid_t> pids;
+  for (const auto& [name, b] : buffers) pids.insert(b.mapper);
+  auto totalsBack = [&](const std::vector<Event>& ev) {
+    for (pid_t p : pids) {
+      const auto n = All<DmabufTotalNotice>(ev, [p](const DmabufTotalNotice& t) { return t.pid == p; });
+      if (n.empty() || n.back().total != 0) return false;
+    }
+    return true;
+  };
+  std::vector<Event> seen = mmapRow ? events.WaitFor(totalsBack, 20000) : events.Settle(2000);
+  seen = events.Settle(1000);
+  if (!finish()) return result->Report("dmabuf", "the exerciser failed: " + text);
+
+  std::string failure;
+  auto expect = [&failure](bool ok, const std::string& what) {
+    if (!ok) failure += " " + what + ";";
+  };
+  const int notices = static_cast<int>(Count<DmabufTotalNotice>(seen, [&](auto& n) { return pids.count(n.pid); }));
+  if (!mmapRow && !munmapRow && !releaseRow && !setupRow) {
+    expect(Count<DmabufRecord>(seen, [](auto&) { return true; }) == 0, "dma-buf records although no row attached");
+    expect(notices == 0, "50005 notices although no dma-buf row attached");
+    Note("dma-buf: no dma-buf row applies to this kernel; the exerciser's buffers gave no records, as expected");
+    return result->Report("dmabuf", failure, "vgem buffers exercised, rows skipped by version");
+  }
+  for (const auto& [name, b] : buffers) {
+    auto same = [&b](const DmabufRecord& r) { return r.bufId == b.inode && r.size == b.size; };
+    auto by = [&](uint32_t type, pid_t who) {
+      return All<DmabufRecord>(seen, [&, type, who](const DmabufRecord& r) {
+        return dmabufType(type)(r) && same(r) && r.pid == who;
+      });
+    };
+    const std::string label =
+        StringPrintf("buffer %s (inode %llu)", name.c_str(), static_cast<unsigned long long>(b.inode));
+    if (setupRow) expect(by(TAVO_EVENT_DMABUF_SETUP, b.exporter).size() == 1, label + ": setup record of the exporter");
+    if (releaseRow) expect(by(TAVO_EVENT_DMABUF_RELEASE, b.exporter).size() == 1, label + ": release by the exporter");
+    if (mmapRow) {
+      const auto maps = by(TAVO_EVENT_DMABUF_MMAP, b.mapper);
+      expect(maps.size() == 1, label + StringPrintf(": one mmap record of pid %d", b.mapper));
+      if (munmapRow && maps.size() == 1) {
+        const auto unmaps = by(TAVO_EVENT_DMABUF_MUNMAP, b.mapper);
+        expect(unmaps.size() == 1 && unmaps[0].mapKey == maps[0].mapKey, label + ": its munmap record");
+      }
+      const auto totals = All<DmabufTotalNotice>(seen, [&b](const DmabufTotalNotice& n) { return n.pid == b.mapper; });
+      std::string sequence;
+      for (const auto& n : totals) sequence += StringPrintf(" %lld", static_cast<long long>(n.total));
+      expect(!totals.empty() && totals.front().total == static_cast<int64_t>(b.size) && totals.back().total == 0,
+             label + StringPrintf(": 50005 of pid %d up by the size and back to 0 (saw:%s)", b.mapper,
+                                  sequence.c_str()));
+    }
+  }
+  Note("dma-buf: vgem drives export, mmap, munmap, SCM_RIGHTS passing and release; it cannot drive "
+       "dma_buf_attach/detach (an import into the same device reuses the GEM object, and there is no "
+       "second device) nor dma_buf_vmap/vunmap (no kernel user maps its buffers): types 9-12 are not checked");
+  if (!setupRow) Note("dma-buf: no setup records (7) here: the stats_setup rows did not attach");
+  result->Report("dmabuf", failure,
+                 StringPrintf("buffers A (pid %d) and B (passed to pid %d), %d 50005 notices", buffers["A"].mapper,
+                              buffers["B"].mapper, notices));
+}
+
+// ---- daemon ------------------------------------------------------------------
+
+pid_t StartDaemon(const std::string& bpfd, const std::string& log) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    unique_fd fd(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (fd < 0) _exit(126);
+    dup2(fd.get(), STDOUT_FILENO);
+    dup2(fd.get(), STDERR_FILENO);
+    execl(bpfd.c_str(), bpfd.c_str(), nullptr);
+    _exit(127);
+  }
+  return pid;
+}
+
+bool StopDaemon(pid_t pid) {
+  kill(pid, SIGTERM);
+  int status = 0;
+  for (int i = 0; i < 600; ++i) {
+    if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    usleep(50 * 1000);
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  return false;
+}
+
+int Usage() {
+  fprintf(stderr, "usage: tavo_vmcheck [--bpfd PATH] [--exerciser PATH] [--log PATH]\n");
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string here = android::base::GetExecutableDirectory();
+  std::string bpfd = here + "/../tavo_bpfd/tavo_bpfd";
+  std::string exerciser = here + "/tavo_dmabuf_exerciser";
+  std::string log = "/tmp/tavo_bpfd.log";
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (i + 1 >= argc) return Usage();
+    if (arg == "--bpfd") bpfd = argv[++i];
+    else if (arg == "--exerciser") exerciser = argv[++i];
+    else if (arg == "--log") log = argv[++i];
+    else return Usage();
+  }
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  // The tables' version rules are read against this process's property, as
+  // the daemon reads its own.
+  utsname uts{};
+  uname(&uts);
+  android::base::SetProperty("ro.kernel.version", uts.release);
+
+  Result result;
+  const pid_t daemon = StartDaemon(bpfd, log);
+  const uint64_t both = TAVO_STATUS_CORE_ENABLED | TAVO_STATUS_NORMAL_ENABLED;
+  const bool up = Wait([&] {
+    return (StatusFlags(kNormal) & both) == both && (StatusFlags(kGpl) & both) == both;
+  }, 120000);
+  Collector events;
+  TavoClient client([&events](const Event& e) { events.Add(e); });
+  int rc = -1;
+  for (int i = 0; up && i < 100 && rc != 0; ++i) {
+    rc = client.Connect();
+    if (rc != 0) usleep(100 * 1000);
+  }
+  for (uint32_t code : {TAVO_EVENT_SCHED_TASK_CREATE, TAVO_EVENT_SCHED_TASK_EXIT, TAVO_EVENT_DMABUF_SETUP,
+                        TAVO_EVENT_DMABUF_RELEASE, TAVO_EVENT_DMABUF_MMAP, TAVO_EVENT_DMABUF_MUNMAP}) {
+    if (rc == 0) rc = client.Subscribe(code);
+  }
+  for (uint32_t code = TAVO_NOTICE_PROCESS_START; rc == 0 && code <= TAVO_NOTICE_DMABUF_TOTAL; ++code)
+    rc = client.Subscribe(code);
+  if (!up || rc != 0) {
+    result.Report("daemon", up ? "cannot subscribe to the service" : "the daemon did not enable its programs");
+    std::string text;
+    android::base::ReadFileToString(log, &text);
+    fprintf(stderr, "%s", text.c_str());
+    StopDaemon(daemon);
+    printf("vmcheck: rows attached 0, skipped by version 0, failed 0; dma-buf notices 0\n");
+    return 1;
+  }
+
+  const RowCounts rows = CheckRows(log, &result);
+  CheckLife(events, &result);
+  CheckExits(events, &result);
+  CheckOpenFds(rows, KernelFunctions(), &result);
+  CheckDmabuf(events, rows, exerciser, &result);
+  const size_t notices = Count<DmabufTotalNotice>(events.Settle(0), [](auto&) { return true; });
+  client.Close();
+  result.Report("stop", StopDaemon(daemon) ? "" : "the daemon did not stop cleanly on SIGTERM");
+  printf("vmcheck: rows attached %d, skipped by version %d, failed %d; dma-buf notices %zu\n", rows.attached,
+         rows.skipped, rows.failed, notices);
+  return result.failed == 0 ? 0 : 1;
+}
