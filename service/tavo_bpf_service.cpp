@@ -233,6 +233,7 @@ int TavoBpfService::gpleventProduceThread() {
     p.dmabuf.initDmabufBpfProg(PinnedMapPath(p.options.pinDir, kGplObject, kDmabufAllocateMap),
                                PinnedMapPath(p.options.pinDir, kGplObject, kDmabufSizeMap));
   };
+  hooks.afterPoll = [&p] { p.dmabuf.ApplyExits(); };
   pump.Run(hooks);
   pump.Detach();
   return result;

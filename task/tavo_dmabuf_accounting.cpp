@@ -159,6 +159,27 @@ int TavoDmabufAccounting::handleDmabuf_Munmap(char* data, long size) {
 
 void TavoDmabufAccounting::NoteProcessExit(int32_t pid, uint64_t ts) {
   MutexLock guard(lock_);
+  // Bounded: when the dma-buf ring is not drained, the oldest exit is
+  // applied at once rather than kept.
+  if (pendingExits_.size() >= kMaxPendingExits) {
+    PurgeLocked(pendingExits_.front().pid, pendingExits_.front().ts);
+    pendingExits_.erase(pendingExits_.begin());
+  }
+  pendingExits_.push_back({pid, ts, generation_});
+}
+
+void TavoDmabufAccounting::ApplyExits() {
+  MutexLock guard(lock_);
+  size_t applied = 0;
+  while (applied < pendingExits_.size() && pendingExits_[applied].generation < generation_) {
+    PurgeLocked(pendingExits_[applied].pid, pendingExits_[applied].ts);
+    ++applied;
+  }
+  pendingExits_.erase(pendingExits_.begin(), pendingExits_.begin() + static_cast<long>(applied));
+  ++generation_;
+}
+
+void TavoDmabufAccounting::PurgeLocked(int32_t pid, uint64_t ts) {
   // A use taken after the exit can only come from a later process with the
   // same pid; its entries stay (with whatever the dead one left).
   auto last = processDmabufLastUseTs_.find(pid);

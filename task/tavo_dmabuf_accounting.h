@@ -45,8 +45,14 @@ class TavoDmabufAccounting {
 
   // A process ended at ts (boot-time ns): its entries go, unless a use
   // newer than ts shows that the pid already belongs to a new process.
-  // No notice: the exit notice has been sent.
+  // No notice: the exit notice has been sent. The purge waits for
+  // ApplyExits(): records the process wrote before it ended may still be
+  // in the dma-buf ring and must find its entries.
   void NoteProcessExit(int32_t pid, uint64_t ts) EXCLUDES(lock_);
+  // Called by the dma-buf ring's pump after each full consume: applies the
+  // exits noted before the previous call, whose records that consume has
+  // taken.
+  void ApplyExits() EXCLUDES(lock_);
 
   // Seeds the pinned allocation and size maps, and these tables, with the
   // dma-bufs that processes hold now. 0, or -1 when a map cannot be opened.
@@ -58,6 +64,13 @@ class TavoDmabufAccounting {
   bool Tracks(int32_t pid) EXCLUDES(lock_);
 
  private:
+  static constexpr size_t kMaxPendingExits = 4096;
+
+  struct PendingExit {
+    int32_t pid;
+    uint64_t ts;
+    uint64_t generation;
+  };
   struct TotalChange {
     int32_t pid;
     int64_t total;
@@ -67,6 +80,7 @@ class TavoDmabufAccounting {
   bool TakeUse(const tavo_dmabuf_event& record, Changes* changes) REQUIRES(lock_);
   void DropUse(int32_t pid, uint64_t bufId, uint64_t size, Changes* changes) REQUIRES(lock_);
   void NoteLatestUse(const tavo_dmabuf_event& record) REQUIRES(lock_);
+  void PurgeLocked(int32_t pid, uint64_t ts) REQUIRES(lock_);
   void Send(const Changes& changes) EXCLUDES(lock_);
   int UseHandler(char* data, long size, bool mapping) EXCLUDES(lock_);
   int DropHandler(char* data, long size) EXCLUDES(lock_);
@@ -83,6 +97,8 @@ class TavoDmabufAccounting {
   // Time stamp of the latest use taken for a pid: an exit older than it
   // belongs to an earlier process with that pid.
   std::map<int32_t, uint64_t> processDmabufLastUseTs_ GUARDED_BY(lock_);
+  std::vector<PendingExit> pendingExits_ GUARDED_BY(lock_);
+  uint64_t generation_ GUARDED_BY(lock_) = 0;
 };
 
 }  // namespace Tavo::Bpf

@@ -20,6 +20,7 @@ using namespace Tavo::Bpf;
 namespace {
 
 constexpr uint32_t kExit = 100;  // a step that reports a process exit, not a record
+constexpr uint32_t kPoll = 101;  // the end of one consume of the dma-buf ring
 constexpr uint32_t S = TAVO_EVENT_DMABUF_SETUP, R = TAVO_EVENT_DMABUF_RELEASE;
 constexpr uint32_t A = TAVO_EVENT_DMABUF_ATTACH, D = TAVO_EVENT_DMABUF_DETACH;
 constexpr uint32_t V = TAVO_EVENT_DMABUF_VMAP, VU = TAVO_EVENT_DMABUF_VUNMAP;
@@ -27,8 +28,8 @@ constexpr uint32_t M = TAVO_EVENT_DMABUF_MMAP, MU = TAVO_EVENT_DMABUF_MUNMAP;
 
 struct Step {
   uint32_t type;
-  int32_t pid;
-  uint64_t size, key, buf, ts;
+  int32_t pid = 0;
+  uint64_t size = 0, key = 0, buf = 0, ts = 0;
 };
 using Totals = std::vector<std::pair<int32_t, int64_t>>;
 
@@ -43,6 +44,7 @@ struct Fixture {
 
   void Apply(const Step& s) {
     if (s.type == kExit) return dmabuf.NoteProcessExit(s.pid, s.ts);
+    if (s.type == kPoll) return dmabuf.ApplyExits();
     auto record = tavo_test::DmabufRecord(s.type, s.pid, s.size, s.key, s.buf, s.ts);
     using Handler = int (TavoDmabufAccounting::*)(char*, long);
     static const Handler handlers[] = {
@@ -97,11 +99,15 @@ TEST(DmabufAccounting, SequencesChargeEachBufferOncePerProcess) {
       {"vmap shares the count with attach",
        {{V, 100, 4096, 0, 1, 1}, {A, 100, 4096, 0, 1, 1}, {VU, 100, 4096, 0, 1, 1}, {VU, 100, 4096, 0, 1, 1}},
        {{100, 4096}, {100, 0}}, {{100, 0}}},
-      {"an exit purges, so a reused pid starts at 0",
-       {{M, 100, 4096, 0xa, 1, 1}, {kExit, 100, 0, 0, 0, 20}, {D, 100, 4096, 0, 1, 25}, {A, 100, 100, 0, 3, 30}},
+      {"an exit purges once the ring has been consumed past it, so a reused pid starts at 0",
+       {{M, 100, 4096, 0xa, 1, 1}, {kExit, 100, 0, 0, 0, 20}, {kPoll}, {kPoll}, {D, 100, 4096, 0, 1, 25},
+        {A, 100, 100, 0, 3, 30}},
        {{100, 4096}, {100, 100}}, {{100, 100}}},
+      {"a drop the process made before it ended still finds its entries",
+       {{M, 100, 4096, 0xa, 1, 1}, {kExit, 100, 0, 0, 0, 20}, {kPoll}, {MU, 100, 4096, 0xa, 0, 15}, {kPoll}},
+       {{100, 4096}, {100, 0}}, {{100, 0}}},
       {"an exit older than a later use keeps the entries",
-       {{A, 100, 4096, 0, 1, 50}, {kExit, 100, 0, 0, 0, 40}}, {{100, 4096}}, {{100, 4096}}},
+       {{A, 100, 4096, 0, 1, 50}, {kExit, 100, 0, 0, 0, 40}, {kPoll}, {kPoll}}, {{100, 4096}}, {{100, 4096}}},
   };
   for (const auto& c : cases) {
     Fixture f;
@@ -140,6 +146,8 @@ TEST(DmabufAccounting, ExitsFromAnotherThreadWhileRecordsApply) {
   });
   for (int i = 0; i < 2000; ++i) f.Apply({A, kPids + 1, 1, 0, 2, 3});
   exits.join();
+  f.dmabuf.ApplyExits();
+  f.dmabuf.ApplyExits();
   for (int pid = 1; pid <= kPids; ++pid) ASSERT_FALSE(f.dmabuf.Tracks(pid)) << pid;
   EXPECT_EQ(f.dmabuf.UseCount(kPids + 1, 2), 2000u);
 }
