@@ -1,15 +1,21 @@
 #!/usr/bin/env bash
 # Installs dependencies, then builds and runs the test suite in each preset,
-# then the kernel matrix (scripts/vmtest.sh, named "vm" here).
-#   scripts/run-tests.sh [preset|vm...]     (default: debug asan tsan vm)
+# then every fuzz target for a minute (scripts/fuzz.sh, "fuzz" here), then
+# the kernel matrix (scripts/vmtest.sh, "vm" here).
+#   scripts/run-tests.sh [preset|fuzz|vm...]     (default: debug asan tsan fuzz vm)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(debug asan tsan vm)
+[ ${#presets[@]} -gt 0 ] || presets=(debug asan tsan fuzz vm)
 
 for preset in "${presets[@]}"; do
+  if [ "$preset" = fuzz ]; then
+    echo "=== fuzzing"
+    scripts/fuzz.sh --all "${TAVO_FUZZ_SECONDS:-60}"
+    continue
+  fi
   if [ "$preset" = vm ]; then
     echo "=== kernel matrix"
     if [ "$(id -u)" != 0 ]; then
