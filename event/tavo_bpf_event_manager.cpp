@@ -12,7 +12,8 @@ namespace {
 constexpr int kRawCodes = TAVO_EVENT_MAX_RAW + 1;
 }  // namespace
 
-EventManager::EventManager(WriteNotifier notify) : notify_(std::move(notify)) {}
+EventManager::EventManager(WriteNotifier notify, std::shared_ptr<IpcQueueBudget> budget)
+    : notify_(std::move(notify)), budget_(std::move(budget)) {}
 
 int EventManager::CodeSlot(int code) {
   if (code >= 0 && code < kRawCodes) return code;
@@ -31,8 +32,7 @@ void EventManager::AddClient(int fd) {
   MutexLock guard(lock_);
   auto& slot = clients_[fd];
   if (slot) return;  // an existing queue is kept as it is
-  slot = std::make_unique<Client>();
-  slot->fd = fd;
+  slot = std::make_unique<Client>(fd, budget_);
 }
 
 void EventManager::RemoveClient(int fd) {

@@ -20,6 +20,7 @@
 
 #include "ipc/ipc_buffer_state.h"
 #include "ipc/ipc_package_manager.h"
+#include "ipc/ipc_queue_budget.h"
 #include "util/tavo_mutex.h"
 
 namespace Tavo::Bpf {
@@ -30,7 +31,8 @@ class EventManager {
   // Asks the socket layer to flush a client's queue; may run under the lock.
   using WriteNotifier = std::function<bool(int fd)>;
 
-  explicit EventManager(WriteNotifier notify);
+  // Every client's queue draws on `budget` (null: each queue's own cap only).
+  explicit EventManager(WriteNotifier notify, std::shared_ptr<IpcQueueBudget> budget = nullptr);
 
   // Index of a subscribable code, or -1.
   static int CodeSlot(int code);
@@ -57,6 +59,7 @@ class EventManager {
 
  private:
   struct Client {
+    Client(int fd, std::shared_ptr<IpcQueueBudget> budget) : fd(fd), queue(std::move(budget)) {}
     int fd;
     IpcPackageManager queue;
     std::bitset<kKnownCodes> subscribed;
@@ -68,6 +71,7 @@ class EventManager {
   Client* Find(int fd) REQUIRES(lock_);
 
   const WriteNotifier notify_;
+  const std::shared_ptr<IpcQueueBudget> budget_;
   Mutex lock_;
   std::map<int, std::unique_ptr<Client>> clients_ GUARDED_BY(lock_);
   std::array<std::list<Client*>, kKnownCodes> observers_ GUARDED_BY(lock_);

@@ -34,7 +34,8 @@ cpu_set_t TavoClientHubOptions::DefaultCpus() {
 }
 
 TavoClientHub::TavoClientHub(const TavoClientHubOptions& options)
-    : events_([this](int fd) { return ipc_->notifyNeedWriteData(fd); }) {
+    : events_([this](int fd) { return ipc_->notifyNeedWriteData(fd); },
+              std::make_shared<IpcQueueBudget>(options.queuedBytesCap)) {
   std::map<uint32_t, IpcCommandHandler> requests;
   requests[0] = [this](int fd, char* data, int64_t length, BufferState* send) {
     return onEventProvideReqCallBack(fd, data, static_cast<long>(length), send);
@@ -51,8 +52,18 @@ TavoClientHub::TavoClientHub(const TavoClientHubOptions& options)
   handlers.write = [this](int fd, BufferState* send) { return onClientLibWriteable(fd, send); };
   handlers.connection = [this](int fd) { return onClientLibConnection(fd); };
   handlers.close = [this](int fd) { return onClientLibClose(fd); };
-  ipc_ = std::make_unique<UnixIpcManager>(true, options.bufferSize, options.socketPath, handlers,
-                                          options.threadName.c_str(), options.cpus, kEpollSize, kEpollMaxEvents);
+  UnixIpcOptions ipc;
+  ipc.isServer = true;
+  ipc.bufferSize = options.bufferSize;
+  ipc.path = options.socketPath;
+  ipc.handlers = std::move(handlers);
+  ipc.name = options.threadName;
+  ipc.cpus = options.cpus;
+  ipc.epollSize = kEpollSize;
+  ipc.maxEvents = kEpollMaxEvents;
+  ipc.maxConnections = options.maxConnections;
+  ipc.peerPolicy = IpcPeerPolicy::FromAllowedIds(options.allowedIds);
+  ipc_ = std::make_unique<UnixIpcManager>(std::move(ipc));
 }
 
 TavoClientHub::~TavoClientHub() { Join(); }

@@ -12,6 +12,7 @@
 #include "event/tavo_bpf_event_manager.h"
 #include "ipc/ipc_buffer_state.h"
 #include "ipc/ipc_package_handler.h"
+#include "ipc/ipc_queue_budget.h"
 #include "ipc/unix_ipc_manager.h"
 
 namespace Tavo::Bpf {
@@ -21,6 +22,13 @@ struct TavoClientHubOptions {
   std::string threadName = "BpfServiceTr";
   int bufferSize = 32768;
   cpu_set_t cpus = DefaultCpus();
+  // Clients connected at once; one more is closed at once.
+  size_t maxConnections = 1024;
+  // Besides root and the service's own uid, the uids and gids ("g:GID")
+  // allowed to connect, comma separated.
+  std::string allowedIds;
+  // What all client queues may hold together.
+  uint64_t queuedBytesCap = IpcQueueBudget::kDefaultMaxBytes;
 
   static cpu_set_t DefaultCpus();  // CPUs 0 to 2
 };

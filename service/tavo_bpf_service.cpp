@@ -1,6 +1,7 @@
 #include "service/tavo_bpf_service.h"
 
 #include <android-base/no_destructor.h>
+#include <android-base/parseint.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -103,6 +104,16 @@ TavoBpfService::Parts::Parts(const TavoServiceOptions& options)
   tracker.SetExitObserver([this](int32_t pid, uint64_t ts) { dmabuf.NoteProcessExit(pid, ts); });
 }
 
+TavoServiceOptions TavoServiceOptions::FromProperties() {
+  TavoServiceOptions options;
+  uint64_t limit = 0;
+  if (android::base::ParseUint(GetServiceProperty("persist.sys.tavo_bpf.max_connections", ""), &limit) && limit > 0) {
+    options.hub.maxConnections = static_cast<size_t>(limit);
+  }
+  options.hub.allowedIds = GetServiceProperty("persist.sys.tavo_bpf.allowed_ids", "");
+  return options;
+}
+
 int BpfServiceMain() {
   if (GetServiceProperty(kDisableProperty, "0") == "1") {
     TAVO_LOGI(kServiceTag, "[BpfServiceMain] Starting TAVO Bpf Service disabled!");
@@ -115,7 +126,8 @@ int BpfServiceMain() {
 
 TavoBpfService* TavoBpfService::GetInstance() {
   // Never destroyed: the host's threads may use it until the process ends.
-  static android::base::NoDestructor<std::unique_ptr<TavoBpfService>> instance(Create(TavoServiceOptions()));
+  static android::base::NoDestructor<std::unique_ptr<TavoBpfService>> instance(
+      Create(TavoServiceOptions::FromProperties()));
   return instance->get();
 }
 

@@ -25,6 +25,12 @@ struct TavoServiceOptions {
   std::chrono::milliseconds supervisionPeriod{60000};
   // How often the poll thread looks at "sys.tavo_bpf_ready".
   std::chrono::milliseconds readinessPeriod{1000};
+
+  // The defaults with what the properties set: the connection limit
+  // ("persist.sys.tavo_bpf.max_connections") and the ids allowed to connect
+  // besides root and the service's own uid ("persist.sys.tavo_bpf.allowed_ids",
+  // e.g. "1000,g:1007").
+  static TavoServiceOptions FromProperties();
 };
 
 }  // namespace Tavo::Bpf
