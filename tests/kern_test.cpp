@@ -18,10 +18,13 @@
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include "bpf/tavo_bpf_attach.h"
 #include "bpf/tavo_bpf_map.h"
@@ -445,4 +448,44 @@ TEST_F(Kernel, RecordNamesAreZeroPaddedInAReusedRing) {
     EXPECT_EQ(std::string(r.comm + 2, sizeof(r.comm) - 2), std::string(sizeof(r.comm) - 2, '\0')) << r.hdr.ts;
   }
   EXPECT_GE(shortNames, 60);
+}
+
+// Signals 50 to 54 in a loop during a fork storm: no deadlock, and every dump
+// file left behind is whole.
+TEST_F(Kernel, SignalledDumpsDuringAForkStormAreWhole) {
+  Load();
+  Start();
+  std::atomic<bool> stop{false};
+  auto storm = [&stop] {
+    while (!stop) tavo_test::ReapedPid();
+  };
+  std::thread a(storm), b(storm);
+  for (int round = 0; round < 50; ++round) {
+    for (int signo = 50; signo <= 54; ++signo) kill(getpid(), signo);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  stop = true;
+  a.join();
+  b.join();
+  const std::string dump = dumps_.path() + "/DUMPTASK_INFO";
+  for (int signo = 50; signo <= 54; ++signo) {
+    unlink(dump.c_str());
+    kill(getpid(), signo);
+    std::string text;
+    unsigned count = 0;
+    // A dump is whole when its title's count matches its rows.
+    ASSERT_TRUE(tavo_test::WaitFor([&] {
+      if (signo == 50) return android::base::ReadFileToString(dumps_.path() + "/bpfservice_state.csv", &text);
+      unsigned long when;
+      if (!android::base::ReadFileToString(dump, &text) ||
+          sscanf(text.c_str(), "============ DUMP ALL TAVO TASKS INFO (count: %u, time: %lu)", &count, &when) != 2) {
+        return false;
+      }
+      const auto rows = std::count(text.begin(), text.end(), '\n') - 2;
+      return signo == 52 || signo == 54 ? rows <= count : rows == count;
+    })) << signo;
+    if (signo != 50) {
+      EXPECT_GT(count, 0u);
+    }
+  }
 }
