@@ -2,13 +2,9 @@
 // dumps on signals. Its kernel side is covered by kern_test.
 #include <gtest/gtest.h>
 
-#include <signal.h>
 #include <unistd.h>
 
-#include <android-base/file.h>
 
-#include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -16,7 +12,6 @@
 #include "include/tavo_bpf_service_main.h"
 #include "service/tavo_bpf_service.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/records.h"
 #include "tests/support/test_env.h"
 #include "tests/support/wait.h"
 #include "util/tavo_properties.h"
