@@ -12,6 +12,16 @@ namespace {
 
 constexpr const char* TASK_DMABUF_PREFIX = "/dmabuf";
 
+// Totals move by sizes the kernel reports; a nonsense size saturates the
+// total instead of overflowing it.
+int64_t AddSize(int64_t& total, uint64_t size, bool add) {
+  const int64_t delta = size > static_cast<uint64_t>(INT64_MAX) ? INT64_MAX : static_cast<int64_t>(size);
+  if (add ? __builtin_add_overflow(total, delta, &total) : __builtin_sub_overflow(total, delta, &total)) {
+    total = add ? INT64_MAX : INT64_MIN;
+  }
+  return total;
+}
+
 // Copies the record out, or refuses it when it is shorter than the layout.
 bool ReadDmabufRecord(const char* data, long size, tavo_dmabuf_event* out) {
   if (data == nullptr || size < static_cast<long>(sizeof(tavo_dmabuf_event))) {
@@ -52,7 +62,7 @@ bool TavoDmabufAccounting::TakeUse(const tavo_dmabuf_event& record, Changes* cha
     if (use->second != UINT32_MAX) ++use->second;  // saturates instead of wrapping to 0
     return false;
   }
-  const int64_t total = processDmabufTotals_[record.pid] += static_cast<int64_t>(record.size);
+  const int64_t total = AddSize(processDmabufTotals_[record.pid], record.size, true);
   changes->push_back({record.pid, total});
   return true;
 }
@@ -65,7 +75,7 @@ void TavoDmabufAccounting::DropUse(int32_t pid, uint64_t bufId, uint64_t size, C
   if (--use->second > 0) return;
   process->second.erase(use);
   // The record's size, not the one from setup: a mismatch stays in the total.
-  const int64_t total = processDmabufTotals_[pid] -= static_cast<int64_t>(size);
+  const int64_t total = AddSize(processDmabufTotals_[pid], size, false);
   changes->push_back({pid, total});
 }
 
@@ -95,7 +105,7 @@ int TavoDmabufAccounting::handleDmabuf_Release(char* data, long size) {
       if (use == uses.end()) continue;
       // Gone whatever its use count; an unknown buffer subtracts 0.
       uses.erase(use);
-      const int64_t total = processDmabufTotals_[pid] -= static_cast<int64_t>(dmabufSizes_[record.buf_id]);
+      const int64_t total = AddSize(processDmabufTotals_[pid], dmabufSizes_[record.buf_id], false);
       changes.push_back({pid, total});
     }
     dmabufSizes_.erase(record.buf_id);
@@ -225,7 +235,7 @@ int TavoDmabufAccounting::initDmabufBpfProg(const std::string& allocatePath, con
                   strerror(updated.error().code()));
       }
       // Every descriptor counts, so a buffer open twice counts twice.
-      total += size;
+      if (__builtin_add_overflow(total, static_cast<int64_t>(size), &total)) total = size < 0 ? INT64_MIN : INT64_MAX;
     });
     if (found.empty()) return;
     {

@@ -233,6 +233,7 @@ void TavoProcReader::ParseStatus(const char* begin, const char* end, tavo_task_i
 // the pieces; that is accepted.
 void TavoProcReader::ParseStat(const char* begin, const char* end, int64_t basetime, long ticksPerSecond,
                                tavo_task_init_event* record) {
+  if (begin == end) return;
   const char* nl = static_cast<const char*>(memchr(begin, '\n', static_cast<size_t>(end - begin)));
   if (nl != nullptr) end = nl;
   const char* pieces[22];

@@ -61,7 +61,13 @@ int64_t GetSystemSecondsTime() {
   return ts.tv_sec + GetBasetime();
 }
 
-int64_t SubAbs(long long a, long long b) { return a - b >= 0 ? a - b : b - a; }
+// Taken wide: sizes from the kernel or /proc can be anything, and a 64-bit
+// difference of extreme values overflows. Saturates at INT64_MAX.
+int64_t SubAbs(long long a, long long b) {
+  __int128 d = static_cast<__int128>(a) - b;
+  if (d < 0) d = -d;
+  return d > INT64_MAX ? INT64_MAX : static_cast<int64_t>(d);
+}
 
 void TestHandleEvent(char*, long) {}
 

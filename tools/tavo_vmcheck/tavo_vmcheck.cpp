@@ -486,7 +486,9 @@ void CheckDmabuf(Collector& events, const RowCounts& rows, const std::string& ex
     Note("dma-buf: no dma-buf row applies to this kernel; the exerciser's buffers gave no records, as expected");
     return result->Report("dmabuf", failure, "vgem buffers exercised, rows skipped by version");
   }
-  for (const auto& [name, b] : buffers) {
+  for (const auto& entry : buffers) {
+    const std::string& name = entry.first;
+    const auto& b = entry.second;
     auto same = [&b](const DmabufRecord& r) { return r.bufId == b.inode && r.size == b.size; };
     auto by = [&](uint32_t type, pid_t who) {
       return All<DmabufRecord>(seen, [&, type, who](const DmabufRecord& r) {
