@@ -87,7 +87,8 @@ class Kernel : public ::testing::Test {
   uint64_t Flags() { return Status().Lookup(TAVO_STATUS_FLAGS).value_or(0); }
 
   // Plays the platform's part, starts a service and waits until the
-  // start-up scan is done (both gates up).
+  // start-up scan is done (both gates up) and the GPL pump has attached its
+  // programs and opened its gates too.
   void Start() {
     utsname uts{};
     uname(&uts);
@@ -98,6 +99,10 @@ class Kernel : public ::testing::Test {
     service_ = TavoBpfService::Create(options_);
     service_->start();
     ASSERT_TRUE(tavo_test::WaitFor([&] { return (Flags() & kBothGates) == kBothGates; }, 10000));
+    auto gpl = StatusMap::OpenPinned(PinnedMapPath(kBpfPinDir, kGplObject, kRingbufStatusMap));
+    ASSERT_TRUE(gpl.ok());
+    ASSERT_TRUE(tavo_test::WaitFor(
+        [&] { return (gpl->Lookup(TAVO_STATUS_FLAGS).value_or(0) & kBothGates) == kBothGates; }, 10000));
   }
 
   void Connect(std::initializer_list<uint32_t> codes) {
