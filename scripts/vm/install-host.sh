@@ -9,7 +9,7 @@ set -euo pipefail
 HOST_PACKAGES=(qemu-system-arm qemu-system-x86 g++-aarch64-linux-gnu cpio xz-utils zstd
                binutils-aarch64-linux-gnu linux-libc-dev)
 ARM64_PACKAGES=(android-libbase-dev android-libcutils-dev android-liblog-dev libbpf-dev
-                libelf-dev zlib1g-dev libgtest-dev linux-libc-dev)
+                libelf-dev zlib1g-dev libgtest-dev linux-libc-dev libncurses-dev)
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
 
