@@ -164,6 +164,8 @@ TEST(UnixIpcManagerTest, ClientRetriesReconnectsAndStops) {
   server = std::make_unique<Endpoint>(true, SocketName(), Mode{32768, true, true, 0, true, false});
   server->ipc->start();
   ASSERT_TRUE(WaitFor([&] { return server->Get(server->connected).size() == 1; }, 15000));
+  // The server may accept before the client has registered its side.
+  ASSERT_TRUE(WaitFor([&] { return client->ipc->getSocketFd() >= 0; }));
   const int own = client->ipc->getSocketFd();
   ASSERT_TRUE(client->Queue(own, "back-1") && client->Queue(own, "back-2"));
   ASSERT_TRUE(client->ipc->notifyNeedWriteData(own));

@@ -302,11 +302,14 @@ TEST_F(Kernel, MemoryOfAChildIsFollowedToTheStep) {
   close(hold[1]);
   waitpid(child, nullptr, 0);
   ASSERT_FALSE(notes.empty());
+  // The first record may already hold a batch of the child's pages and the
+  // last may trail by one, and the child's own /proc reading by a third
+  // (seen: 148 pages short of 64 MiB on arm64 5.10).
   EXPECT_GE(notes.back().current[1] - notes.front().current[1],
-            static_cast<int64_t>(kBytes) - kNoticeStep - 2 * kRssBatchBytes);
+            static_cast<int64_t>(kBytes) - kNoticeStep - 3 * kRssBatchBytes);
   for (size_t i = 1; i < notes.size(); ++i) EXPECT_EQ(notes[i].reported, notes[i - 1].current);
   ASSERT_FALSE(records.empty());
-  EXPECT_GE(records.back().size - records.front().size, static_cast<int64_t>(kBytes) - 2 * 4096 - 2 * kRssBatchBytes);
+  EXPECT_GE(records.back().size - records.front().size, static_cast<int64_t>(kBytes) - 2 * 4096 - 3 * kRssBatchBytes);
   // Charged to the parent, its records would run ahead of its own counter.
   if (!parent.empty()) {
     EXPECT_LT(parent.back().size, RssAnonBytes(getpid()) + static_cast<int64_t>(kBytes) / 2);
