@@ -1,10 +1,16 @@
 #!/usr/bin/env bash
-# Peer benchmark: fork and thread storms with (a) nothing attached,
-# (b) bpftrace printing the fork and exit tracepoints to a file, (c) the
-# daemon with one client subscribed to fork/exit records and start/end
-# notices writing them to a file. Cases run interleaved, ROUNDS times.
+# Peer benchmark: fork and thread storms with
+#   a  nothing attached,
+#   b  bpftrace printing the fork and exit tracepoints to a file,
+#   c  the daemon with one client subscribed to fork/exit records and
+#      start/end notices, writing them to a file,
+#   d  the bare consumer (bench/bare_consumer.*): one 40-byte record per
+#      fork and exit, read with no work per record: the floor.
+# Cases run interleaved, ROUNDS times. CPU is the observer's CPU time (all
+# its threads) over the storm's operations (one fork and its exit, or one
+# thread created and ended); for the daemon it is also split by thread.
 #   bench/peer_bench.sh [N] [ROUNDS]        (default 20000 3; root)
-# Needs the release build (scripts/run-demo.sh or cmake --build --preset release).
+# Builds the release preset's pieces it needs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 N=${1:-20000}
@@ -14,7 +20,8 @@ B=build/release
 if [ -z "${TAVO_PEER_NS:-}" ]; then
   command -v bpftrace >/dev/null || scripts/install-deps.sh bpftrace
   cmake --preset release >/dev/null
-  cmake --build --preset release --target tavo_bpfd tavo_storm tavo_bench_subscriber >/dev/null
+  cmake --build --preset release --target tavo_bpfd tavo_storm tavo_bench_subscriber \
+    tavo_bare_consumer bare_consumer_bpf >/dev/null
   # Mount and network namespaces of its own: the daemon's pins, tracefs and
   # the service's socket name never meet a service already on this machine,
   # and go away with the run.
@@ -36,16 +43,22 @@ trap cleanup EXIT
 ticks=$(getconf CLK_TCK)
 cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 hwm_kb() { awk '/VmHWM/ {print $2}' "/proc/$1/status"; }
-
-storm() {  # kind -> "rate"
-  "$B/bench/tavo_storm" "$1" "$N" | awk '{print $4}'
+# "tid name ticks" for every thread of a process.
+thread_ticks() { cat /proc/"$1"/task/*/stat 2>/dev/null | awk '{gsub(/[()]/, "", $2); print $1, $2, $14 + $15}'; }
+# Per-thread-name CPU µs per operation between two thread_ticks snapshots.
+thread_split() {
+  awk -v t="$ticks" -v n="$N" 'NR == FNR {before[$1] = $3; next}
+    {d[$2] += $3 - before[$1]}
+    END {s = ""; for (k in d) if (d[k] > 0) s = s sprintf("%s%s=%.2f", s == "" ? "" : ",", k, d[k] / t * 1e6 / n);
+         print s == "" ? "-" : s}' "$1" "$2"
 }
+per_op() { awk -v d="$1" -v t="$ticks" -v n="$N" 'BEGIN {printf "%.2f", d / t * 1e6 / n}'; }
+storm() { "$B/bench/tavo_storm" "$1" "$N" | awk '{print $4}'; }
+# results: case kind round rate lost cpu_us_per_op rss_kB p50 p99 split
+row() { echo "$*" >>"$results"; }
 
 for round in $(seq "$ROUNDS"); do
-  # (a) nothing attached
-  for kind in fork thread; do
-    echo "a $kind $(storm $kind) 0 - - - - -" >>"$results"
-  done
+  for kind in fork thread; do row a $kind "$round" "$(storm $kind)" 0 - - - - -; done
 
   # (b) bpftrace
   out=$work/bpftrace.out
@@ -56,17 +69,14 @@ for round in $(seq "$ROUNDS"); do
   for _ in $(seq 100); do grep -q Attaching "$out" 2>/dev/null && break; sleep 0.1; done
   sleep 1
   for kind in fork thread; do
-    : >"$out.mark"
     before=$(grep -c '^fork' "$out" || true); beforex=$(grep -c '^exit' "$out" || true)
     c0=$(cpu_ticks $bg)
     rate=$(storm $kind)
     sleep 1
     c1=$(cpu_ticks $bg)
     f=$(( $(grep -c '^fork' "$out" || true) - before )); x=$(( $(grep -c '^exit' "$out" || true) - beforex ))
-    # fork storm: N forks + N child exits; thread storm: N clones + N thread exits
     lost=$(( 2 * N - f - x )); [ $lost -ge 0 ] || lost=0
-    cpu_us=$(awk -v d=$((c1 - c0)) -v t="$ticks" -v e=$((2 * N)) 'BEGIN {printf "%.2f", d / t * 1e6 / e}')
-    echo "b $kind $rate $lost $cpu_us $(hwm_kb $bg) - -" >>"$results"
+    row b $kind "$round" "$rate" $lost "$(per_op $((c1 - c0)))" "$(hwm_kb $bg)" - - -
   done
   kill -INT $bg; wait $bg 2>/dev/null || true; bg=""
 
@@ -83,30 +93,67 @@ for round in $(seq "$ROUNDS"); do
   for kind in fork thread; do
     coproc SUB { exec "$B/bench/tavo_bench_subscriber" "$work/client.out"; }
     read -r -t 30 ready <&"${SUB[0]}" || true
+    thread_ticks $daemon >"$work/t0"
     c0=$(cpu_ticks $daemon)
     rate=$(storm $kind)
     sleep 1
     c1=$(cpu_ticks $daemon)
+    thread_ticks $daemon >"$work/t1"
     kill -TERM "$SUB_PID"
     read -r -t 30 fp ft xp xt st en p50 p99 recv <&"${SUB[0]}" || { fp=0 ft=0 xp=0 xt=0 st=0 en=0 p50=- p99=-; }
     kill -KILL "$SUB_PID" 2>/dev/null || true; wait "$SUB_PID" 2>/dev/null || true
     if [ $kind = fork ]; then got=$((fp + xp + st + en)); want=$((4 * N)); else got=$((ft + xt)); want=$((2 * N)); fi
     lost=$(( want - got )); [ $lost -ge 0 ] || lost=0
-    cpu_us=$(awk -v d=$((c1 - c0)) -v t="$ticks" -v e="$want" 'BEGIN {printf "%.2f", d / t * 1e6 / e}')
-    echo "c $kind $rate $lost $cpu_us $(hwm_kb $daemon) $p50 $p99" >>"$results"
+    row c $kind "$round" "$rate" $lost "$(per_op $((c1 - c0)))" "$(hwm_kb $daemon)" "$p50" "$p99" \
+      "$(thread_split "$work/t0" "$work/t1")"
   done
   kill -TERM $daemon; wait $daemon 2>/dev/null || true; bg=""
+
+  # (d) the bare consumer, one instance per storm
+  for kind in fork thread; do
+    coproc BARE { exec "$B/bench/tavo_bare_consumer" "$B/bpf/bare_consumer.bpf.o"; }
+    bg=$BARE_PID
+    read -r -t 30 ready <&"${BARE[0]}" || true
+    c0=$(cpu_ticks $BARE_PID)
+    rate=$(storm $kind)
+    sleep 1
+    c1=$(cpu_ticks $BARE_PID)
+    kill -TERM "$BARE_PID"
+    read -r -t 30 forks exits p50 p99 recv <&"${BARE[0]}" || { forks=0 exits=0 p50=- p99=-; }
+    wait "$BARE_PID" 2>/dev/null || true; bg=""
+    lost=$(( 2 * N - forks - exits )); [ $lost -ge 0 ] || lost=0
+    row d $kind "$round" "$rate" $lost "$(per_op $((c1 - c0)))" - "$p50" "$p99" -
+  done
 done
 
-echo "N=$N rounds=$ROUNDS (medians over rounds; events per storm: fork 2N records + 2N notices for (c), thread 2N)"
-printf "%-4s %-7s %10s %7s %6s %14s %10s %8s %8s\n" case storm rate/s ratio lost cpu_us/event peakRSS_kB p50_us p99_us
+names() { case $1 in a) echo nothing;; b) echo bpftrace;; c) echo daemon+client;; d) echo bare;; esac; }
+echo "N=$N rounds=$ROUNDS; cpu_us is the observer's CPU per storm operation"
+echo
+echo "Every round:"
+printf "%-14s %-6s %5s %8s %6s %6s %8s %8s  %s\n" case storm round rate/s lost cpu_us p50_us p99_us "daemon threads (cpu_us)"
 for kind in fork thread; do
-  base=$(awk -v k=$kind '$1 == "a" && $2 == k {print $3}' "$results" | sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
-  for c in a b c; do
-    awk -v c=$c -v k=$kind '$1 == c && $2 == k' "$results" | sort -k3 -n | awk -v base="$base" -v c=$c -v k=$kind '
-      {r[NR]=$3; l+=$4; cpu[NR]=$5; rss=($6>rss?$6:rss); p50[NR]=$7; p99[NR]=$8}
-      END {m=int((NR+1)/2);
-        printf "%-4s %-7s %10d %7.2f %6d %14s %10s %8s %8s\n", c, k, r[m], r[m]/base, l, (c=="a"?"-":cpu[m]), (c=="a"?"-":rss), p50[m], p99[m]}'
+  for c in a b c d; do
+    awk -v c=$c -v k=$kind '$1 == c && $2 == k' "$results" | while read -r _ _ r rate lost cpu _ p50 p99 split; do
+      printf "%-14s %-6s %5s %8s %6s %6s %8s %8s  %s\n" "$(names $c)" $kind "$r" "$rate" "$lost" "$cpu" "$p50" "$p99" "$split"
+    done
+  done
+done
+echo
+echo "Medians over rounds (lost: the sum; p99: the worst round):"
+printf "%-14s %-6s %8s %6s %6s %7s %10s %8s %8s\n" case storm rate/s ratio lost cpu_us peakRSS_kB p50_us p99max
+for kind in fork thread; do
+  base=$(awk -v k=$kind '$1 == "a" && $2 == k {print $4}' "$results" | sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
+  for c in a b c d; do
+    awk -v c=$c -v k=$kind '$1 == c && $2 == k' "$results" | awk -v base="$base" -v name="$(names $c)" -v k=$kind '
+      function median(v, n,   i, j, t) {
+        for (i = 2; i <= n; i++) for (j = i; j > 1 && v[j-1] + 0 > v[j] + 0; j--) {t = v[j]; v[j] = v[j-1]; v[j-1] = t}
+        return v[int((n + 1) / 2)]
+      }
+      {n++; r[n]=$4; l+=$5; cpu[n]=$6; rss=($7>rss?$7:rss); p50[n]=$8; p99=($9 != "-" && $9+0 > p99+0 ? $9 : p99)}
+      END {
+        rate = median(r, n)
+        printf "%-14s %-6s %8d %6.2f %6d %7s %10s %8s %8s\n", name, k, rate, rate / base, l,
+          (cpu[1] == "-" ? "-" : median(cpu, n)), (rss ? rss : "-"), (p50[1] == "-" ? "-" : median(p50, n)), (p99 == "" ? "-" : p99)}'
   done
 done
 echo "raw: $results"
