@@ -10,10 +10,12 @@ namespace Tavo::Bpf {
 
 namespace {
 constexpr int kRawCodes = TAVO_EVENT_MAX_RAW + 1;
+// The manager whose batch the calling thread is in, if any.
+thread_local const EventManager* tBatchOwner = nullptr;
 }  // namespace
 
-EventManager::EventManager(WriteNotifier notify, std::shared_ptr<IpcQueueBudget> budget)
-    : notify_(std::move(notify)), budget_(std::move(budget)) {}
+EventManager::EventManager(WriteNotifier notify, std::shared_ptr<IpcQueueBudget> budget, Sender send)
+    : notify_(std::move(notify)), budget_(std::move(budget)), send_(std::move(send)) {}
 
 int EventManager::CodeSlot(int code) {
   if (code >= 0 && code < kRawCodes) return code;
@@ -91,8 +93,38 @@ int EventManager::AppendEvent(const char* data, unsigned long size) {
   if (observers.empty()) return 0;
   // Every subscriber has its copy queued before the first is told.
   for (Client* client : observers) client->queue.buildAndAppendSecondIpcPackage(IPC_COMMAND_EVENT, data, size);
+  if (tBatchOwner == this) {
+    for (Client* client : observers) {
+      if (!client->batched) batched_.push_back(client->fd);
+      client->batched = true;
+    }
+    return 0;
+  }
   for (Client* client : observers) notify_(client->fd);
   return 0;
+}
+
+void EventManager::BeginBatch() { tBatchOwner = this; }
+
+void EventManager::EndBatch() {
+  if (tBatchOwner != this) return;
+  tBatchOwner = nullptr;
+  std::vector<int> fds;
+  {
+    MutexLock guard(lock_);
+    if (batched_.empty()) return;
+    fds.swap(batched_);
+    for (int fd : fds) {
+      if (Client* client = Find(fd)) client->batched = false;
+    }
+    if (!send_) {
+      for (int fd : fds) notify_(fd);
+      return;
+    }
+  }
+  // Outside the lock: sending takes the connection's lock, and the socket
+  // thread takes that one before this one.
+  for (int fd : fds) send_(fd);
 }
 
 void EventManager::FillSendBuffer(int fd, BufferState* send) {

@@ -30,9 +30,14 @@ class EventManager {
   static constexpr int kKnownCodes = 20;
   // Asks the socket layer to flush a client's queue; may run under the lock.
   using WriteNotifier = std::function<bool(int fd)>;
+  // Sends a client's queue on the calling thread, as far as its socket takes
+  // it at once; never called under the lock.
+  using Sender = std::function<bool(int fd)>;
 
   // Every client's queue draws on `budget` (null: each queue's own cap only).
-  explicit EventManager(WriteNotifier notify, std::shared_ptr<IpcQueueBudget> budget = nullptr);
+  // Without `send`, batches end by notifying as well.
+  explicit EventManager(WriteNotifier notify, std::shared_ptr<IpcQueueBudget> budget = nullptr,
+                        Sender send = nullptr);
 
   // Index of a subscribable code, or -1.
   static int CodeSlot(int code);
@@ -49,6 +54,14 @@ class EventManager {
   // Any thread: one command-3 package with the record for every subscriber
   // of its code, then a flush request for each. Always 0.
   int AppendEvent(const char* data, unsigned long size) EXCLUDES(lock_);
+  // A batch on the calling thread: until EndBatch, what this thread appends
+  // is only queued; EndBatch sends each touched client's queue from this
+  // thread. A ring pump wraps each drain of its ring in one, so a burst of
+  // records costs one send per client instead of a socket-thread wake-up
+  // per record. Other threads keep the immediate path.
+  void BeginBatch();
+  void EndBatch() EXCLUDES(lock_);
+
   // Socket thread: moves whole queued packages of fd into its send buffer.
   void FillSendBuffer(int fd, BufferState* send) EXCLUDES(lock_);
 
@@ -65,6 +78,7 @@ class EventManager {
     std::bitset<kKnownCodes> subscribed;
     std::array<std::list<Client*>::iterator, kKnownCodes> positions;
     std::vector<int> order;  // codes in subscription order
+    bool batched = false;    // queued in a batch, not sent yet
   };
 
   void Unsubscribe(Client& client, int slot) REQUIRES(lock_);
@@ -72,7 +86,9 @@ class EventManager {
 
   const WriteNotifier notify_;
   const std::shared_ptr<IpcQueueBudget> budget_;
+  const Sender send_;
   Mutex lock_;
+  std::vector<int> batched_ GUARDED_BY(lock_);  // clients with Client::batched set
   std::map<int, std::unique_ptr<Client>> clients_ GUARDED_BY(lock_);
   std::array<std::list<Client*>, kKnownCodes> observers_ GUARDED_BY(lock_);
 };

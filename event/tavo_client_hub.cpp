@@ -35,7 +35,8 @@ cpu_set_t TavoClientHubOptions::DefaultCpus() {
 
 TavoClientHub::TavoClientHub(const TavoClientHubOptions& options)
     : events_([this](int fd) { return ipc_->notifyNeedWriteData(fd); },
-              std::make_shared<IpcQueueBudget>(options.queuedBytesCap)) {
+              std::make_shared<IpcQueueBudget>(options.queuedBytesCap),
+              [this](int fd) { return ipc_->sendQueued(fd); }) {
   std::map<uint32_t, IpcCommandHandler> requests;
   requests[0] = [this](int fd, char* data, int64_t length, BufferState* send) {
     return onEventProvideReqCallBack(fd, data, static_cast<long>(length), send);

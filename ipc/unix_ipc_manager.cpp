@@ -112,6 +112,35 @@ bool UnixIpcManager::writeDataNow(int fd) {
   return epollManager_->writeEventNow(fd);
 }
 
+bool UnixIpcManager::sendQueued(int fd) {
+  auto connection = find(fd);
+  if (connection == nullptr) return false;
+  if (connection->holderIsThisThread()) return notifyNeedWriteData(fd);
+  IpcConnection::Guard guard(*connection);
+  BufferState* send = connection->send();
+  if (!connection->isOpen() || send == nullptr) return false;
+  for (;;) {
+    if (send->cursor == send->length) {
+      send->cursor = 0;
+      send->length = 0;
+      if (options_.handlers.write) options_.handlers.write(fd, send);
+      if (send->length == 0) return true;
+    }
+    const ssize_t sent = sendto(fd, send->data + send->cursor, static_cast<size_t>(send->length - send->cursor),
+                                MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0);
+    if (sent > 0) {
+      send->cursor += sent;
+      continue;
+    }
+    if (sent < 0 && errno == EINTR) continue;
+    // Full: the loop thread sends the rest when the socket drains. Any
+    // other failure is the loop thread's to see and close on.
+    const bool full = sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    notifyNeedWriteData(fd);
+    return full;
+  }
+}
+
 std::shared_ptr<IpcConnection> UnixIpcManager::find(int fd) const {
   Tavo::MutexLock guard(lock_);
   auto it = connections_.find(fd);

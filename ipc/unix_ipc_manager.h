@@ -89,6 +89,12 @@ class TAVO_EXPORT UnixIpcManager {
 
   bool notifyNeedWriteData(int fd);
   bool writeDataNow(int fd);
+  // On the calling thread, without waiting: what is left in fd's send
+  // buffer, then what its write handler adds, as far as the socket takes
+  // it; a full socket hands the rest to the loop thread (write readiness).
+  // Not from the connection's own callbacks. False when fd is no open
+  // connection or the send failed.
+  bool sendQueued(int fd);
 
   int onServerReadableCallback(epoll_event event);
   int onServerCloseCallback(epoll_event event);

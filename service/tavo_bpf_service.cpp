@@ -57,6 +57,13 @@ bool SleepWhileRunning(TavoBpfService::Parts& p, std::chrono::milliseconds perio
   return p.running;
 }
 
+// Each drain of a ring is one batch for the clients: its records and the
+// notices they cause go out in one send per client, from the pump's thread.
+void BatchClientSends(TavoRingPump::Hooks& hooks, EventManager& events) {
+  hooks.beforeConsume = [&events] { events.BeginBatch(); };
+  hooks.afterConsume = [&events] { events.EndBatch(); };
+}
+
 }  // namespace
 
 TavoBpfService::Parts::Parts(const TavoServiceOptions& options)
@@ -226,6 +233,7 @@ int TavoBpfService::eventProduceThread() {
         [&p](void* record, unsigned long size) { return p.dispatcher.Dispatch(record, size); }, p.counters);
   };
   hooks.seeded = [&p] { p.tracker.initFdBpfProg(PinnedMapPath(p.options.pinDir, kNormalObject, kOpenFdMap)); };
+  BatchClientSends(hooks, p.hub.events());
   pump.Run(hooks);
   pump.Detach();
   return result;
@@ -246,6 +254,7 @@ int TavoBpfService::gpleventProduceThread() {
                                PinnedMapPath(p.options.pinDir, kGplObject, kDmabufSizeMap));
   };
   hooks.afterPoll = [&p] { p.dmabuf.ApplyExits(); };
+  BatchClientSends(hooks, p.hub.events());
   pump.Run(hooks);
   pump.Detach();
   return result;

@@ -116,11 +116,17 @@ int TavoRingPump::Run(const Hooks& hooks) {
   UpdateFlags(TAVO_STATUS_NORMAL_ENABLED, 0);
   if (hooks.seeded) hooks.seeded();
 
+  auto consume = [&] {
+    if (hooks.beforeConsume) hooks.beforeConsume();
+    const int count = ring_buffer__consume(rb.get());
+    if (hooks.afterConsume) hooks.afterConsume();
+    return count;
+  };
   int failures = 0;
   for (;;) {
     if (stopping_) {
       TAVO_LOGW(kServiceTag, "%s %s", prefix, config_.stopMessage.c_str());
-      ring_buffer__consume(rb.get());  // what the kernel wrote before the stop
+      consume();  // what the kernel wrote before the stop
       return 0;
     }
     // Like ring_buffer__poll(rb, -1), but a stop wakes it too.
@@ -129,7 +135,7 @@ int TavoRingPump::Run(const Hooks& hooks) {
     if (result > 0) {
       bool ringReady = false;
       for (int i = 0; i < result; ++i) ringReady |= events[i].data.u64 == kRingEvent;
-      result = ringReady ? ring_buffer__consume(rb.get()) : 0;
+      result = ringReady ? consume() : 0;
     } else if (result < 0) {
       result = -errno;
     }

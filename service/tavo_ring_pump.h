@@ -39,6 +39,9 @@ class TavoRingPump {
     std::function<void()> seed;       // between the core and the normal enable flag
     std::function<void()> seeded;     // after the normal enable flag
     std::function<void()> afterPoll;  // after every successful wake-up
+    // Around every drain of the ring, always in pairs.
+    std::function<void()> beforeConsume;
+    std::function<void()> afterConsume;
   };
 
   TavoRingPump(TavoRingPumpConfig config, ring_buffer_sample_fn callback, void* ctx, TavoBpfDataState& counters);

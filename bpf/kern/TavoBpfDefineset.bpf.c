@@ -94,11 +94,11 @@ struct {
   __type(value, __u64);
 } wakeup_time SEC(".maps");
 
-static __always_inline bool tavo_wakeup_due(__u64 now) {
+static __always_inline bool tavo_wakeup_due(__u64 now, bool force) {
   __u32 key = 0;
   __u64* last = bpf_map_lookup_elem(&wakeup_time, &key);
   if (!last) return true;
-  if (now - *last < TAVO_WAKEUP_BATCH_NS) return false;
+  if (!force && now - *last < TAVO_WAKEUP_BATCH_NS) return false;
   *last = now;
   return true;
 }
@@ -112,7 +112,7 @@ static __always_inline void tavo_submit(void* rec) {
   if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) >
       bpf_ringbuf_query(&ringbuf_map, BPF_RB_RING_SIZE) / 2)
     flags = BPF_RB_FORCE_WAKEUP;
-  else if (tavo_wakeup_due(bpf_ktime_get_ns()))
+  else if (tavo_wakeup_due(bpf_ktime_get_ns(), false))
     flags = 0;
   bpf_ringbuf_submit(rec, flags);
 }
@@ -287,14 +287,17 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat* ctx) {
  * Keeps the status keys fresh while the ring is quiet, and wakes the
  * consumer for records that were submitted without a wake-up: a discarded
  * reservation with a forced wake-up delivers nothing but the wake-up.
+ * A CPU about to idle wakes it whatever the batching says: otherwise a
+ * record left unannounced just before every CPU idles waits for the next
+ * switch anywhere, up to a scheduler tick.
  */
 SEC("tracepoint/sched/sched_switch")
-int sched_sched_switch(void* ctx) {
+int sched_sched_switch(struct trace_event_raw_sched_switch* ctx) {
   __u32 key = 0;
   __u64* count = bpf_map_lookup_elem(&switch_count, &key);
   if (count && ((*count)++ & TAVO_SWITCH_REFRESH_MASK) == 0) tavo_status_refresh();
   if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return 0;
-  if (!tavo_wakeup_due(bpf_ktime_get_ns())) return 0;
+  if (!tavo_wakeup_due(bpf_ktime_get_ns(), ctx->next_pid == 0)) return 0;
   void* nudge = bpf_ringbuf_reserve(&ringbuf_map, 8, 0);
   if (nudge) bpf_ringbuf_discard(nudge, BPF_RB_FORCE_WAKEUP);
   return 0;
