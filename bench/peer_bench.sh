@@ -10,12 +10,15 @@
 # its threads) over the storm's operations (one fork and its exit, or one
 # thread created and ended); for the daemon it is also split by thread.
 #   bench/peer_bench.sh [N] [ROUNDS]        (default 20000 3; root)
+#   TAVO_PEER_DAEMON=other/tavo_bpfd bench/peer_bench.sh ...   another build's daemon
 # Builds the release preset's pieces it needs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 N=${1:-20000}
 ROUNDS=${2:-3}
 B=build/release
+# Another build's daemon (it finds its own BPF objects) for before/after runs.
+DAEMON=${TAVO_PEER_DAEMON:-$B/tools/tavo_bpfd/tavo_bpfd}
 [ "$(id -u)" = 0 ] || { echo "peer_bench: needs root" >&2; exit 1; }
 if [ -z "${TAVO_PEER_NS:-}" ]; then
   command -v bpftrace >/dev/null || scripts/install-deps.sh bpftrace
@@ -81,7 +84,7 @@ for round in $(seq "$ROUNDS"); do
   kill -INT $bg; wait $bg 2>/dev/null || true; bg=""
 
   # (c) the daemon and one subscriber
-  "$B/tools/tavo_bpfd/tavo_bpfd" 2>"$work/bpfd.log" &
+  "$DAEMON" 2>"$work/bpfd.log" &
   daemon=$!
   bg=$daemon
   for _ in $(seq 100); do

@@ -12,6 +12,8 @@ cd "$(dirname "$0")/.."
 KIND=${1:-fork}
 N=${2:-20000}
 B=build/release
+# Another build's daemon (it finds its own BPF objects) for before/after runs.
+DAEMON=${TAVO_PEER_DAEMON:-$B/tools/tavo_bpfd/tavo_bpfd}
 [ "$(id -u)" = 0 ] || { echo "peer_profile: needs root" >&2; exit 1; }
 if [ -z "${TAVO_PEER_NS:-}" ]; then
   command -v strace >/dev/null || scripts/install-deps.sh strace
@@ -44,7 +46,7 @@ prog_delta() {
     {dc = $2 - c[$1]; dt = $3 - t[$1]; if (dc > 0) printf "  %-32s %9d runs %7.2f per op %8.0f ns/run %8.0f ns/op\n", $1, dc, dc / n, dt / dc, dt / n}' "$1" "$2"
 }
 
-"$B/tools/tavo_bpfd/tavo_bpfd" 2>"$work/bpfd.log" &
+"$DAEMON" 2>"$work/bpfd.log" &
 daemon=$!
 pids+=("$daemon")
 for _ in $(seq 100); do

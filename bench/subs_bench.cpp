@@ -1,6 +1,8 @@
 // Fan-out of records to subscribed clients over the real socket: records
 // injected through the ring callback for a type without a handler, every
-// record received by every client before the batch counts.
+// record received by every client before the batch counts. The second
+// argument is the drain size: 0 queues each record for the socket thread,
+// N sends every N records from the injecting thread, as a ring pump does.
 //
 //   build/release/bench/subs_bench
 //
@@ -52,6 +54,8 @@ void BM_FanOut(benchmark::State& state) {
     return;
   }
   const int clients = static_cast<int>(state.range(0));
+  const int drain = static_cast<int>(state.range(1));
+  EventManager& events = service->hub.events();
   TavoClient::Options options;
   options.socketPath = kSocket;
   std::vector<std::unique_ptr<TavoClient>> subscribers;
@@ -73,7 +77,9 @@ void BM_FanOut(benchmark::State& state) {
   uint64_t expected = 0;
   for (auto _ : state) {
     for (int i = 0; i < kBatch; ++i) {
+      if (drain > 0 && i % drain == 0) events.BeginBatch();
       TavoEventDispatcher::handleBpfRingBuffEvent(&service->dispatcher, record, sizeof(record));
+      if (drain > 0 && (i % drain == drain - 1 || i == kBatch - 1)) events.EndBatch();
     }
     expected += kBatch;
     const bool all = tavo_bench::WaitUntil(
@@ -98,6 +104,6 @@ void BM_FanOut(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_FanOut)->Arg(1)->Arg(8)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
+BENCHMARK(BM_FanOut)->Args({1, 0})->Args({8, 0})->Args({1, 16})->Args({8, 16})->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(2.0);
 
 BENCHMARK_MAIN();
