@@ -16,22 +16,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 N=${1:-20000}
 ROUNDS=${2:-3}
-B=build/release
-# Another build's daemon (it finds its own BPF objects) for before/after runs.
-DAEMON=${TAVO_PEER_DAEMON:-$B/tools/tavo_bpfd/tavo_bpfd}
-[ "$(id -u)" = 0 ] || { echo "peer_bench: needs root" >&2; exit 1; }
-if [ -z "${TAVO_PEER_NS:-}" ]; then
-  command -v bpftrace >/dev/null || scripts/install-deps.sh bpftrace
-  cmake --preset release >/dev/null
-  cmake --build --preset release --target tavo_bpfd tavo_storm tavo_bench_subscriber \
-    tavo_bare_consumer bare_consumer_bpf >/dev/null
-  # Mount and network namespaces of its own: the daemon's pins, tracefs and
-  # the service's socket name never meet a service already on this machine,
-  # and go away with the run.
-  TAVO_PEER_NS=1 exec unshare --mount --net --propagation private bash "$PWD/bench/peer_bench.sh" "$@"
-fi
-mount -t bpf bpf /sys/fs/bpf
-mount -t tracefs tracefs /sys/kernel/tracing
+. bench/peer_common.sh
+peer_setup peer_bench bpftrace bench/peer_bench.sh "$@"
 
 work=$(mktemp -d /tmp/tavo_peer.XXXXXX)
 results=$work/results.txt
@@ -43,11 +29,8 @@ cleanup() {
 }
 trap cleanup EXIT
 
-ticks=$(getconf CLK_TCK)
 cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 hwm_kb() { awk '/VmHWM/ {print $2}' "/proc/$1/status"; }
-# "tid name ticks" for every thread of a process.
-thread_ticks() { cat /proc/"$1"/task/*/stat 2>/dev/null | awk '{gsub(/[()]/, "", $2); print $1, $2, $14 + $15}'; }
 # Per-thread-name CPU µs per operation between two thread_ticks snapshots.
 thread_split() {
   awk -v t="$ticks" -v n="$N" 'NR == FNR {before[$1] = $3; next}
@@ -84,15 +67,8 @@ for round in $(seq "$ROUNDS"); do
   kill -INT $bg; wait $bg 2>/dev/null || true; bg=""
 
   # (c) the daemon and one subscriber
-  "$DAEMON" 2>"$work/bpfd.log" &
-  daemon=$!
+  start_daemon "$work/bpfd.log"
   bg=$daemon
-  for _ in $(seq 100); do
-    grep -q '@/mnt/bpfframework/tavobpfdispatcher' /proc/net/unix && break
-    kill -0 $daemon 2>/dev/null || { cat "$work/bpfd.log" >&2; exit 1; }
-    sleep 0.1
-  done
-  sleep 1  # programs attached, start-up scan done
   for kind in fork thread; do
     coproc SUB { exec "$B/bench/tavo_bench_subscriber" "$work/client.out"; }
     read -r -t 30 ready <&"${SUB[0]}" || true

@@ -11,19 +11,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 KIND=${1:-fork}
 N=${2:-20000}
-B=build/release
-# Another build's daemon (it finds its own BPF objects) for before/after runs.
-DAEMON=${TAVO_PEER_DAEMON:-$B/tools/tavo_bpfd/tavo_bpfd}
-[ "$(id -u)" = 0 ] || { echo "peer_profile: needs root" >&2; exit 1; }
-if [ -z "${TAVO_PEER_NS:-}" ]; then
-  command -v strace >/dev/null || scripts/install-deps.sh strace
-  cmake --preset release >/dev/null
-  cmake --build --preset release --target tavo_bpfd tavo_storm tavo_bench_subscriber \
-    tavo_bare_consumer bare_consumer_bpf >/dev/null
-  TAVO_PEER_NS=1 exec unshare --mount --net --propagation private bash "$PWD/bench/peer_profile.sh" "$@"
-fi
-mount -t bpf bpf /sys/fs/bpf
-mount -t tracefs tracefs /sys/kernel/tracing
+. bench/peer_common.sh
+peer_setup peer_profile strace bench/peer_profile.sh "$@"
 
 work=$(mktemp -d /tmp/tavo_profile.XXXXXX)
 pids=()
@@ -34,9 +23,7 @@ cleanup() {
   echo "$stats_before" >/proc/sys/kernel/bpf_stats_enabled
 }
 trap cleanup EXIT
-ticks=$(getconf CLK_TCK)
 storm() { "$B/bench/tavo_storm" "$KIND" "$N" >/dev/null; }
-thread_ticks() { cat /proc/"$1"/task/*/stat 2>/dev/null | awk '{gsub(/[()]/, "", $2); print $1, $2, $14 + $15}'; }
 # "name run_cnt run_time_ns" for every loaded program with a count.
 prog_stats() { bpftool prog show 2>/dev/null | awk '/^[0-9]+:/ {for (i = 1; i < NF; i++) if ($i == "name") name = $(i + 1);
     rt = 0; rc = 0; for (i = 1; i < NF; i++) {if ($i == "run_time_ns") rt = $(i + 1); if ($i == "run_cnt") rc = $(i + 1)}
@@ -46,15 +33,8 @@ prog_delta() {
     {dc = $2 - c[$1]; dt = $3 - t[$1]; if (dc > 0) printf "  %-32s %9d runs %7.2f per op %8.0f ns/run %8.0f ns/op\n", $1, dc, dc / n, dt / dc, dt / n}' "$1" "$2"
 }
 
-"$DAEMON" 2>"$work/bpfd.log" &
-daemon=$!
+start_daemon "$work/bpfd.log"
 pids+=("$daemon")
-for _ in $(seq 100); do
-  grep -q '@/mnt/bpfframework/tavobpfdispatcher' /proc/net/unix && break
-  kill -0 $daemon 2>/dev/null || { cat "$work/bpfd.log" >&2; exit 1; }
-  sleep 0.1
-done
-sleep 1
 coproc SUB { exec "$B/bench/tavo_bench_subscriber" "$work/client.out"; }
 pids+=("$SUB_PID")
 read -r -t 30 _ <&"${SUB[0]}" || true
