@@ -11,7 +11,8 @@ export LD_LIBRARY_PATH=$VM_LIBPATH
 mount -t proc proc /proc
 mount -t sysfs sysfs /sys
 mount -t devtmpfs devtmpfs /dev
-mount -t tmpfs tmpfs /tmp
+# /tmp stays the image's own (already in memory): a checkout under /tmp
+# puts the project's binaries there, at their build-tree paths.
 mount -t tmpfs tmpfs /run
 mount -t tracefs tracefs /sys/kernel/tracing
 mount -t debugfs debugfs /sys/kernel/debug
