@@ -94,53 +94,48 @@ int TavoDmabufAccounting::handleDmabuf_Setup(char* data, long size) {
   return 0;
 }
 
-int TavoDmabufAccounting::handleDmabuf_Release(char* data, long size) {
+template <typename Apply>
+int TavoDmabufAccounting::ApplyRecord(char* data, long size, Apply apply) {
   tavo_dmabuf_event record;
   if (!ReadDmabufRecord(data, size, &record)) return 0;
   Changes changes;
   {
     MutexLock guard(lock_);
+    apply(record, &changes);
+  }
+  Send(changes);
+  return 0;
+}
+
+int TavoDmabufAccounting::handleDmabuf_Release(char* data, long size) {
+  return ApplyRecord(data, size, [this](const tavo_dmabuf_event& record, Changes* changes) REQUIRES(lock_) {
     for (auto& [pid, uses] : processDmabufRefs_) {
       auto use = uses.find(record.buf_id);
       if (use == uses.end()) continue;
       // Gone whatever its use count; an unknown buffer subtracts 0.
       uses.erase(use);
       const int64_t total = AddSize(processDmabufTotals_[pid], dmabufSizes_[record.buf_id], false);
-      changes.push_back({pid, total});
+      changes->push_back({pid, total});
     }
     dmabufSizes_.erase(record.buf_id);
-  }
-  Send(changes);
-  return 0;
+  });
 }
 
 int TavoDmabufAccounting::UseHandler(char* data, long size, bool mapping) {
-  tavo_dmabuf_event record;
-  if (!ReadDmabufRecord(data, size, &record)) return 0;
-  Changes changes;
-  {
-    MutexLock guard(lock_);
+  return ApplyRecord(data, size, [this, mapping](const tavo_dmabuf_event& record, Changes* changes) REQUIRES(lock_) {
     NoteLatestUse(record);
     // A mapping of a buffer already in use only counts up; its key is then
     // not recorded.
-    if (TakeUse(record, &changes) && mapping) {
+    if (TakeUse(record, changes) && mapping) {
       processDmabufMappings_[record.pid].insert_or_assign(record.map_key, record.buf_id);
     }
-  }
-  Send(changes);
-  return 0;
+  });
 }
 
 int TavoDmabufAccounting::DropHandler(char* data, long size) {
-  tavo_dmabuf_event record;
-  if (!ReadDmabufRecord(data, size, &record)) return 0;
-  Changes changes;
-  {
-    MutexLock guard(lock_);
-    DropUse(record.pid, record.buf_id, record.size, &changes);
-  }
-  Send(changes);
-  return 0;
+  return ApplyRecord(data, size, [this](const tavo_dmabuf_event& record, Changes* changes) REQUIRES(lock_) {
+    DropUse(record.pid, record.buf_id, record.size, changes);
+  });
 }
 
 int TavoDmabufAccounting::handleDmabuf_Attach(char* data, long size) { return UseHandler(data, size, false); }
@@ -150,21 +145,15 @@ int TavoDmabufAccounting::handleDmabuf_Vunmap(char* data, long size) { return Dr
 int TavoDmabufAccounting::handleDmabuf_Mmap(char* data, long size) { return UseHandler(data, size, true); }
 
 int TavoDmabufAccounting::handleDmabuf_Munmap(char* data, long size) {
-  tavo_dmabuf_event record;
-  if (!ReadDmabufRecord(data, size, &record)) return 0;
-  Changes changes;
-  {
-    MutexLock guard(lock_);
+  return ApplyRecord(data, size, [this](const tavo_dmabuf_event& record, Changes* changes) REQUIRES(lock_) {
     auto process = processDmabufMappings_.find(record.pid);
-    if (process == processDmabufMappings_.end()) return 0;
+    if (process == processDmabufMappings_.end()) return;
     auto mapping = process->second.find(record.map_key);
-    if (mapping == process->second.end()) return 0;
-    DropUse(record.pid, mapping->second, record.size, &changes);
+    if (mapping == process->second.end()) return;
+    DropUse(record.pid, mapping->second, record.size, changes);
     // The key goes whether or not the use count reached 0.
     process->second.erase(mapping);
-  }
-  Send(changes);
-  return 0;
+  });
 }
 
 void TavoDmabufAccounting::NoteProcessExit(int32_t pid, uint64_t ts) {

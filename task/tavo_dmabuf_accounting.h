@@ -82,6 +82,10 @@ class TavoDmabufAccounting {
   void NoteLatestUse(const tavo_dmabuf_event& record) REQUIRES(lock_);
   void PurgeLocked(int32_t pid, uint64_t ts) REQUIRES(lock_);
   void Send(const Changes& changes) EXCLUDES(lock_);
+  // Reads a record, lets apply change the tables under the lock, then sends
+  // the totals it changed without it.
+  template <typename Apply>
+  int ApplyRecord(char* data, long size, Apply apply) EXCLUDES(lock_);
   int UseHandler(char* data, long size, bool mapping) EXCLUDES(lock_);
   int DropHandler(char* data, long size) EXCLUDES(lock_);
 
