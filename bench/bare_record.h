@@ -2,25 +2,19 @@
 #pragma once
 
 #ifdef __cplusplus
-#include <cstdint>
+#include <linux/types.h>
+
 #include <cstddef>
-#define BARE_U32 uint32_t
-#define BARE_S32 int32_t
-#define BARE_U64 uint64_t
-#else
-#define BARE_U32 __u32
-#define BARE_S32 __s32
-#define BARE_U64 __u64
 #endif
 
 enum { BARE_FORK = 1, BARE_EXIT = 2 };
 
 struct bare_record {
-  BARE_U32 kind;
-  BARE_S32 pid;
-  BARE_S32 ppid;
-  BARE_U32 pad;
-  BARE_U64 ts;  // bpf_ktime_get_ns
+  __u32 kind;
+  __s32 pid;
+  __s32 ppid;
+  __u32 pad;
+  __u64 ts;  // bpf_ktime_get_ns
   char comm[16];
 };
 

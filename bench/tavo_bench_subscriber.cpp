@@ -17,18 +17,13 @@
 
 #include "bpf/tavo_bpf_records.h"
 #include "tools/tavo_client/tavo_client.h"
+#include "util/tavo_time.h"
 
 using namespace Tavo::Client;
 
 namespace {
 
 constexpr const char* kStorm = "tavo_storm";
-
-uint64_t MonotonicNs() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + ts.tv_nsec;
-}
 
 struct Tally {
   std::mutex lock;
@@ -55,7 +50,7 @@ int main(int argc, char** argv) {
   Tally tally;
   tally.latencyNs.reserve(1 << 20);
   TavoClient client([&](const Event& e) {
-    const uint64_t now = MonotonicNs();
+    const uint64_t now = Tavo::Bpf::GetSystemBootNanosencondsTime();
     std::lock_guard<std::mutex> guard(tally.lock);
     if (const auto* r = std::get_if<TaskCreateRecord>(&e)) {
       fprintf(out, "fork %llu pid=%d ppid=%d kind=%u comm=%s\n", (unsigned long long)r->header.ts, r->pid, r->ppid,

@@ -117,14 +117,10 @@ void EventManager::EndBatch() {
     for (int fd : fds) {
       if (Client* client = Find(fd)) client->batched = false;
     }
-    if (!send_) {
-      for (int fd : fds) notify_(fd);
-      return;
-    }
   }
   // Outside the lock: sending takes the connection's lock, and the socket
   // thread takes that one before this one.
-  for (int fd : fds) send_(fd);
+  for (int fd : fds) (send_ ? send_ : notify_)(fd);
 }
 
 void EventManager::FillSendBuffer(int fd, BufferState* send) {

@@ -126,16 +126,10 @@ bool UnixIpcManager::sendQueued(int fd) {
       if (options_.handlers.write) options_.handlers.write(fd, send);
       if (send->length == 0) return true;
     }
-    const ssize_t sent = sendto(fd, send->data + send->cursor, static_cast<size_t>(send->length - send->cursor),
-                                MSG_NOSIGNAL | MSG_DONTWAIT, nullptr, 0);
-    if (sent > 0) {
-      send->cursor += sent;
-      continue;
-    }
-    if (sent < 0 && errno == EINTR) continue;
+    if (sendBuffer(fd, send, 0)) continue;
     // Full: the loop thread sends the rest when the socket drains. Any
     // other failure is the loop thread's to see and close on.
-    const bool full = sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    const bool full = errno == EAGAIN;
     notifyNeedWriteData(fd);
     return full;
   }
@@ -606,10 +600,14 @@ bool UnixIpcManager::clearAllBuffer() {
 }
 
 bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer) {
+  return sendBuffer(fd, buffer, kMaxSendTries);
+}
+
+bool UnixIpcManager::sendBuffer(int fd, BufferState* buffer, int fullTries) {
   int tries = 0;
   while (buffer->cursor < buffer->length) {
     const ssize_t left = static_cast<ssize_t>(buffer->length - buffer->cursor);
-    if (tries >= kMaxSendTries) {
+    if (tries >= fullTries && fullTries > 0) {
       TAVO_LOGE(tag(),
                 "[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: %s, clientFd: %d",
                 left, EAGAIN, strerror(EAGAIN), fd);
@@ -626,6 +624,10 @@ bool UnixIpcManager::ensureDataSend(int fd, BufferState* buffer) {
     }
     const int err = errno;
     if (err == EAGAIN || err == EWOULDBLOCK) {
+      if (fullTries == 0) {
+        errno = EAGAIN;
+        return false;
+      }
       ++tries;
       TAVO_LOGW(tag(), "[UnixIpcManager] Socket buffer full! tryCount: %d, message: %s", tries,
                 strerror(err));

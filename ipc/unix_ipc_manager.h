@@ -136,6 +136,9 @@ class TAVO_EXPORT UnixIpcManager {
       REQUIRES(connection.lock());
   int flush(IpcConnection& connection, const epoll_event& event) REQUIRES(connection.lock());
   int sendFailed(const epoll_event& event, int fd);
+  // Sends [cursor, length); a full socket is met by yielding up to
+  // fullTries times, or at once (errno EAGAIN) when fullTries is 0.
+  bool sendBuffer(int fd, BufferState* buffer, int fullTries);
   // Logs "Not allocate read/write buffer"; -1.
   int missingBuffer(int fd, bool read);
   // Unregisters, closes and frees the connection, tells the user, and in

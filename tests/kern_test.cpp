@@ -37,6 +37,7 @@
 #include "tools/tavo_client/tavo_client.h"
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 #include "tools/tavo_vmcheck/tavo_spinning_pair.h"
+#include "util/tavo_time.h"
 #include "util/tavo_properties.h"
 
 using namespace Tavo::Client;
@@ -361,12 +362,6 @@ constexpr bool kThreadSanitizer = true;
 constexpr bool kThreadSanitizer = false;
 #endif
 
-uint64_t MonotonicNs() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * 1000000000ull + now.tv_nsec;
-}
-
 // A child made with a chosen pid (clone3 set_tid, 5.5+) that exits when the
 // pipe's write end is closed. Raw system calls only: the parent is threaded.
 pid_t ChildWithPid(pid_t pid, int holdRead, int holdWrite) {
@@ -402,7 +397,7 @@ TEST_F(Kernel, AProcessForkedWhileCoreIsOffEndsAsAProcess) {
   const pid_t child = ChildWithPid(pid, holdRead.get(), holdWrite.get());
   ASSERT_TRUE(service_->enableCoreBpf(0, true));
   if (child < 0) GTEST_SKIP() << "cannot start a child as pid " << pid << ": " << strerror(errno);
-  const uint64_t released = MonotonicNs();
+  const uint64_t released = GetSystemBootNanosencondsTime();
   holdWrite.reset();
   waitpid(child, nullptr, 0);
   auto ends = Await<TaskExitRecord>([&](const auto& r) { return r.pid == child && r.header.ts > released; },
