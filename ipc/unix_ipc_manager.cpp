@@ -615,9 +615,10 @@ bool UnixIpcManager::sendBuffer(int fd, BufferState* buffer, int fullTries) {
       return false;
     }
     // MSG_NOSIGNAL: a vanished peer must not kill a host that has not
-    // ignored SIGPIPE yet.
-    const ssize_t sent = sendto(fd, buffer->data + buffer->cursor, static_cast<size_t>(left),
-                                MSG_NOSIGNAL, nullptr, 0);
+    // ignored SIGPIPE yet. Without tries the call must not wait whatever
+    // mode the socket is in.
+    const int flags = MSG_NOSIGNAL | (fullTries == 0 ? MSG_DONTWAIT : 0);
+    const ssize_t sent = sendto(fd, buffer->data + buffer->cursor, static_cast<size_t>(left), flags, nullptr, 0);
     if (sent >= 0) {
       buffer->cursor += sent;
       continue;
