@@ -21,6 +21,7 @@ inline constexpr const char* kProgTypeKretprobe = "kretprobe";
 // Map names inside the objects (the part after "map_<object>_").
 inline constexpr const char* kRingbufMap = "ringbuf_map";
 inline constexpr const char* kRingbufStatusMap = "ringbuf_status";
+inline constexpr const char* kRingConsumerMap = "ring_consumer";
 inline constexpr const char* kOpenFdMap = "open_fd_caller_map";
 inline constexpr const char* kDmabufAllocateMap = "dmabuf_allocate_map";
 inline constexpr const char* kDmabufSizeMap = "dmabuf_size_map";

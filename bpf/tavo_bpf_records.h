@@ -76,6 +76,22 @@ enum tavo_status_key {
 #define TAVO_STATUS_CORE_ENABLED 0x2ULL
 #define TAVO_STATUS_NORMAL_ENABLED 0x4ULL
 
+/*
+ * Consumer map of the normal object: the pump registers its thread so the
+ * programs wake it only when it sleeps. Keys, and the states at key 1.
+ */
+enum tavo_consumer_key {
+  TAVO_CONSUMER_TID = 0,   /* the pump's thread id; 0: none, batch by time */
+  TAVO_CONSUMER_STATE = 1, /* enum tavo_consumer_state */
+  TAVO_CONSUMER_SINCE = 2, /* ktime of its last sleep */
+  TAVO_CONSUMER_KEYS = 3,
+};
+enum tavo_consumer_state {
+  TAVO_CONSUMER_RUNNING = 0, /* will drain the ring before it sleeps */
+  TAVO_CONSUMER_ASLEEP = 1,  /* asleep and nobody has woken it */
+  TAVO_CONSUMER_WOKEN = 2,   /* a wake-up is on its way */
+};
+
 struct tavo_event_header {
   __u32 type;
   __u32 reserved;

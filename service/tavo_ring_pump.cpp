@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -40,6 +41,32 @@ bool AddToEpoll(int epollFd, int fd, uint64_t tag) {
   event.data.u64 = tag;
   return epoll_ctl(epollFd, EPOLL_CTL_ADD, fd, &event) == 0;
 }
+
+// Registers the calling thread as the ring's consumer for as long as it
+// lives, so the programs wake it only when it sleeps. Objects without the
+// map (the GPL one) keep the ring's own wake-ups.
+class ConsumerRegistration {
+ public:
+  explicit ConsumerRegistration(const std::string& path) {
+    auto map = ConsumerMap::OpenPinned(path);
+    if (!map.ok()) return;
+    map_ = std::move(*map);
+    // Running first: the programs must not see this thread with a stale state.
+    if (!map_.Update(TAVO_CONSUMER_STATE, TAVO_CONSUMER_RUNNING).ok() ||
+        !map_.Update(TAVO_CONSUMER_TID, static_cast<uint64_t>(gettid())).ok()) {
+      map_ = ConsumerMap();
+    }
+  }
+  ~ConsumerRegistration() {
+    if (map_.IsOpen()) (void)map_.Update(TAVO_CONSUMER_TID, 0);
+  }
+  ConsumerRegistration(const ConsumerRegistration&) = delete;
+  ConsumerRegistration& operator=(const ConsumerRegistration&) = delete;
+
+ private:
+  using ConsumerMap = TavoBpfMap<uint32_t, uint64_t>;
+  ConsumerMap map_;
+};
 
 }  // namespace
 
@@ -99,6 +126,7 @@ int TavoRingPump::Run(const Hooks& hooks) {
     MutexLock guard(lock_);
     status_ = std::move(*status);
   }
+  ConsumerRegistration consumer(PinnedMapPath(config_.pinDir, config_.object, kRingConsumerMap));
   RingBufferPtr rb(ring_buffer__new(ring->get(), callback_, ctx_, nullptr));
   android::base::unique_fd epollFd(epoll_create1(EPOLL_CLOEXEC));
   if (!rb || epollFd.get() < 0 || !AddToEpoll(epollFd.get(), ring_buffer__epoll_fd(rb.get()), kRingEvent) ||

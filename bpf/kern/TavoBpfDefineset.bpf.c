@@ -77,15 +77,34 @@ static __always_inline bool tavo_is_new_thread(struct task_struct* parent, pid_t
 }
 
 /*
- * Batched wake-ups. Waking the consumer costs the producing CPU an
- * interrupt (on a virtual machine an exit to the host), which under a fork
- * storm cost more than the rest of the programs together. A CPU that woke
- * the consumer less than TAVO_WAKEUP_BATCH_NS ago submits without a
- * wake-up: the consumer is still draining, or the next context switch on any
- * CPU (sched_sched_switch below) wakes it for what is left. Quiet rings keep
- * the ring buffer's own wake-up for every record.
+ * Wake-ups. Waking the consumer costs the producing CPU an interrupt (on a
+ * virtual machine an exit to the host), and each wake-up costs the consumer
+ * a sleep and a context switch, so the consumer is woken only when it
+ * sleeps, and only once per sleep.
+ *
+ * The pump registers its thread in ring_consumer; sched_switch follows it:
+ * switched in, it is RUNNING and drains the ring before it sleeps again
+ * (its epoll is level-triggered, so a record written meanwhile is seen);
+ * switched out asleep, it is ASLEEP, and if data came in while it went to
+ * sleep it is woken at once.
+ *   - Life-cycle records (fork, exit) wake it when it sleeps; otherwise
+ *     they keep the ring's own rule (wake if it has read all before them).
+ *   - Counter records (rss, open fds) never do: they ride on the next
+ *     wake-up, or a CPU about to idle wakes it, or the next context switch
+ *     anywhere once it has slept TAVO_LAZY_DEADLINE_NS.
+ * The map is a plain array read and written without atomics (5.10 has no
+ * BPF compare-and-exchange). A lost race costs at most a second wake-up or
+ * a record's wait for the next idle CPU or the deadline, never a record.
+ *
+ * With no consumer registered (tid 0: another reader of the ring), a CPU
+ * wakes the reader at most once per TAVO_WAKEUP_BATCH_NS and context
+ * switches wake it for what was left; a CPU about to idle wakes it at once.
  */
 #define TAVO_WAKEUP_BATCH_NS 50000ull
+#define TAVO_LAZY_DEADLINE_NS 1000000ull
+/* sched_switch's prev_state: a preempted task is reported as this, a
+ * sleeping one as a lower state bit, a running one as 0. */
+#define TAVO_TASK_REPORT_MAX 0x100
 
 struct {
   __uint(type, BPF_MAP_TYPE_PERCPU_ARRAY);
@@ -93,6 +112,13 @@ struct {
   __type(key, __u32);
   __type(value, __u64);
 } wakeup_time SEC(".maps");
+
+struct {
+  __uint(type, BPF_MAP_TYPE_ARRAY);
+  __uint(max_entries, TAVO_CONSUMER_KEYS);
+  __type(key, __u32);
+  __type(value, __u64);
+} ring_consumer SEC(".maps");
 
 static __always_inline bool tavo_wakeup_due(__u64 now, bool force) {
   __u32 key = 0;
@@ -103,19 +129,39 @@ static __always_inline bool tavo_wakeup_due(__u64 now, bool force) {
   return true;
 }
 
+static __always_inline __u64* tavo_consumer(__u32 key) { return bpf_map_lookup_elem(&ring_consumer, &key); }
+
+/* Wakes the consumer for what is in the ring: a discarded reservation with a
+ * forced wake-up delivers nothing but the wake-up. */
+static __always_inline void tavo_nudge(void) {
+  void* nudge = bpf_ringbuf_reserve(&ringbuf_map, 8, 0);
+  if (nudge) bpf_ringbuf_discard(nudge, BPF_RB_FORCE_WAKEUP);
+}
+
 /*
  * A ring more than half full always wakes the consumer: unannounced records
  * must never fill it, or no reservation (and so no wake-up) could follow.
  */
-static __always_inline void tavo_submit(void* rec) {
+static __always_inline void tavo_submit_as(void* rec, bool life) {
   __u64 flags = BPF_RB_NO_WAKEUP;
+  __u64* tid = tavo_consumer(TAVO_CONSUMER_TID);
+  __u64* state = tavo_consumer(TAVO_CONSUMER_STATE);
   if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) >
-      bpf_ringbuf_query(&ringbuf_map, BPF_RB_RING_SIZE) / 2)
+      bpf_ringbuf_query(&ringbuf_map, BPF_RB_RING_SIZE) / 2) {
     flags = BPF_RB_FORCE_WAKEUP;
-  else if (tavo_wakeup_due(bpf_ktime_get_ns(), false))
+  } else if (!tid || !state || *tid == 0) {
+    if (tavo_wakeup_due(bpf_ktime_get_ns(), false)) flags = 0;
+  } else if (life) {
     flags = 0;
+    if (*state == TAVO_CONSUMER_ASLEEP) {
+      *state = TAVO_CONSUMER_WOKEN;
+      flags = BPF_RB_FORCE_WAKEUP;
+    }
+  }
   bpf_ringbuf_submit(rec, flags);
 }
+#define tavo_submit_life(rec) tavo_submit_as(rec, true)
+#define tavo_submit_counter(rec) tavo_submit_as(rec, false)
 
 /*
  * Exactly one exit per process. Kernels whose exit tracepoint carries
@@ -177,7 +223,7 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
   rec->uid = (__u32)bpf_get_current_uid_gid();
   /* The child starts with the parent's name. */
   bpf_get_current_comm(rec->comm, sizeof(rec->comm));
-  tavo_submit(rec);
+  tavo_submit_life(rec);
   return 0;
 }
 
@@ -203,7 +249,7 @@ int sched_sched_process_exit(struct trace_event_raw_sched_process_exit* ctx) {
     bpf_get_current_comm(rec->comm, sizeof(rec->comm));
     rec->kind = TAVO_TASK_KIND_THREAD;
   }
-  tavo_submit(rec);
+  tavo_submit_life(rec);
   return 0;
 }
 
@@ -274,7 +320,7 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat* ctx) {
   rec->pid = (__s32)tgid;
   rec->member = member;
   rec->size = size;
-  tavo_submit(rec);
+  tavo_submit_counter(rec);
 
   struct tavo_rss_last now = {.size = size, .mm_id = mm_id};
   bpf_map_update_elem(&rss_last_map, &key, &now, BPF_ANY);
@@ -284,22 +330,37 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat* ctx) {
 }
 
 /*
- * Keeps the status keys fresh while the ring is quiet, and wakes the
- * consumer for records that were submitted without a wake-up: a discarded
- * reservation with a forced wake-up delivers nothing but the wake-up.
- * A CPU about to idle wakes it whatever the batching says: otherwise a
- * record left unannounced just before every CPU idles waits for the next
- * switch anywhere, up to a scheduler tick.
+ * Keeps the status keys fresh while the ring is quiet, follows the
+ * registered consumer's sleeps, and wakes it for records submitted without
+ * a wake-up (see Wake-ups above).
  */
 SEC("tracepoint/sched/sched_switch")
 int sched_sched_switch(struct trace_event_raw_sched_switch* ctx) {
   __u32 key = 0;
   __u64* count = bpf_map_lookup_elem(&switch_count, &key);
   if (count && ((*count)++ & TAVO_SWITCH_REFRESH_MASK) == 0) tavo_status_refresh();
-  if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return 0;
-  if (!tavo_wakeup_due(bpf_ktime_get_ns(), ctx->next_pid == 0)) return 0;
-  void* nudge = bpf_ringbuf_reserve(&ringbuf_map, 8, 0);
-  if (nudge) bpf_ringbuf_discard(nudge, BPF_RB_FORCE_WAKEUP);
+  __u64* tid = tavo_consumer(TAVO_CONSUMER_TID);
+  __u64* state = tavo_consumer(TAVO_CONSUMER_STATE);
+  __u64* since = tavo_consumer(TAVO_CONSUMER_SINCE);
+  if (!tid || !state || !since || *tid == 0) {
+    if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return 0;
+    if (tavo_wakeup_due(bpf_ktime_get_ns(), ctx->next_pid == 0)) tavo_nudge();
+    return 0;
+  }
+  if (ctx->next_pid == (pid_t)*tid) {
+    *state = TAVO_CONSUMER_RUNNING;
+    return 0;
+  }
+  bool own = ctx->prev_pid == (pid_t)*tid;
+  if (own) {
+    if (ctx->prev_state == 0 || ctx->prev_state >= TAVO_TASK_REPORT_MAX) return 0; /* preempted */
+    *since = bpf_ktime_get_ns();
+    *state = TAVO_CONSUMER_ASLEEP;
+  }
+  if (*state != TAVO_CONSUMER_ASLEEP || bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return 0;
+  if (!own && ctx->next_pid != 0 && bpf_ktime_get_ns() - *since < TAVO_LAZY_DEADLINE_NS) return 0;
+  *state = TAVO_CONSUMER_WOKEN;
+  tavo_nudge();
   return 0;
 }
 
@@ -329,7 +390,7 @@ static __always_inline int tavo_fd_change(__s64 delta, __s32 fd) {
   rec->fd = fd;
   rec->fd_count = count;
   bpf_get_current_comm(rec->comm, sizeof(rec->comm));
-  tavo_submit(rec);
+  tavo_submit_counter(rec);
   return 0;
 }
 
