@@ -77,14 +77,13 @@ enum tavo_status_key {
 #define TAVO_STATUS_NORMAL_ENABLED 0x4ULL
 
 /*
- * Consumer map of the normal object: the pump registers its thread so the
- * programs wake it only when it sleeps. Keys, and the states at key 1.
+ * Consumer map of the normal object (one entry): the pump registers its
+ * thread so the programs wake it only when it sleeps.
  */
-enum tavo_consumer_key {
-  TAVO_CONSUMER_TID = 0,   /* the pump's thread id; 0: none, batch by time */
-  TAVO_CONSUMER_STATE = 1, /* enum tavo_consumer_state */
-  TAVO_CONSUMER_SINCE = 2, /* ktime of its last sleep */
-  TAVO_CONSUMER_KEYS = 3,
+struct tavo_ring_consumer {
+  __u32 tid;   /* the pump's thread id; 0: none, batch by time */
+  __u32 state; /* enum tavo_consumer_state */
+  __u64 since; /* ktime of its last sleep */
 };
 enum tavo_consumer_state {
   TAVO_CONSUMER_RUNNING = 0, /* will drain the ring before it sleeps */
@@ -264,6 +263,9 @@ TAVO_CHECK_LAYOUT(tavo_task_init_event, rss_swap, 72);
 TAVO_CHECK_LAYOUT(tavo_task_init_event, start_time, 80);
 
 TAVO_CHECK_SIZE(tavo_rss_stat_event, 32);
+TAVO_CHECK_SIZE(tavo_ring_consumer, 16);
+TAVO_CHECK_LAYOUT(tavo_ring_consumer, state, 4);
+TAVO_CHECK_LAYOUT(tavo_ring_consumer, since, 8);
 TAVO_CHECK_LAYOUT(tavo_rss_stat_event, pid, 16);
 TAVO_CHECK_LAYOUT(tavo_rss_stat_event, member, 20);
 TAVO_CHECK_LAYOUT(tavo_rss_stat_event, size, 24);

@@ -15,7 +15,7 @@ thread_local const EventManager* tBatchOwner = nullptr;
 }  // namespace
 
 EventManager::EventManager(WriteNotifier notify, std::shared_ptr<IpcQueueBudget> budget, Sender send)
-    : notify_(std::move(notify)), budget_(std::move(budget)), send_(std::move(send)) {}
+    : notify_(std::move(notify)), budget_(std::move(budget)), send_(send ? std::move(send) : notify_) {}
 
 int EventManager::CodeSlot(int code) {
   if (code >= 0 && code < kRawCodes) return code;
@@ -120,7 +120,7 @@ void EventManager::EndBatch() {
   }
   // Outside the lock: sending takes the connection's lock, and the socket
   // thread takes that one before this one.
-  for (int fd : fds) (send_ ? send_ : notify_)(fd);
+  for (int fd : fds) send_(fd);
 }
 
 void EventManager::FillSendBuffer(int fd, BufferState* send) {

@@ -50,21 +50,19 @@ class ConsumerRegistration {
   explicit ConsumerRegistration(const std::string& path) {
     auto map = ConsumerMap::OpenPinned(path);
     if (!map.ok()) return;
-    map_ = std::move(*map);
-    // Running first: the programs must not see this thread with a stale state.
-    if (!map_.Update(TAVO_CONSUMER_STATE, TAVO_CONSUMER_RUNNING).ok() ||
-        !map_.Update(TAVO_CONSUMER_TID, static_cast<uint64_t>(gettid())).ok()) {
-      map_ = ConsumerMap();
-    }
+    tavo_ring_consumer self{};
+    self.tid = static_cast<uint32_t>(gettid());
+    self.state = TAVO_CONSUMER_RUNNING;
+    if (map->Update(0, self).ok()) map_ = std::move(*map);
   }
   ~ConsumerRegistration() {
-    if (map_.IsOpen()) (void)map_.Update(TAVO_CONSUMER_TID, 0);
+    if (map_.IsOpen()) (void)map_.Update(0, tavo_ring_consumer{});
   }
   ConsumerRegistration(const ConsumerRegistration&) = delete;
   ConsumerRegistration& operator=(const ConsumerRegistration&) = delete;
 
  private:
-  using ConsumerMap = TavoBpfMap<uint32_t, uint64_t>;
+  using ConsumerMap = TavoBpfMap<uint32_t, tavo_ring_consumer>;
   ConsumerMap map_;
 };
 

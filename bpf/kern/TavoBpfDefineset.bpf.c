@@ -115,9 +115,9 @@ struct {
 
 struct {
   __uint(type, BPF_MAP_TYPE_ARRAY);
-  __uint(max_entries, TAVO_CONSUMER_KEYS);
+  __uint(max_entries, 1);
   __type(key, __u32);
-  __type(value, __u64);
+  __type(value, struct tavo_ring_consumer);
 } ring_consumer SEC(".maps");
 
 static __always_inline bool tavo_wakeup_due(__u64 now, bool force) {
@@ -129,7 +129,12 @@ static __always_inline bool tavo_wakeup_due(__u64 now, bool force) {
   return true;
 }
 
-static __always_inline __u64* tavo_consumer(__u32 key) { return bpf_map_lookup_elem(&ring_consumer, &key); }
+/* The registered consumer, or NULL when none is. */
+static __always_inline struct tavo_ring_consumer* tavo_consumer(void) {
+  __u32 key = 0;
+  struct tavo_ring_consumer* c = bpf_map_lookup_elem(&ring_consumer, &key);
+  return c && c->tid ? c : NULL;
+}
 
 /* Wakes the consumer for what is in the ring: a discarded reservation with a
  * forced wake-up delivers nothing but the wake-up. */
@@ -144,17 +149,16 @@ static __always_inline void tavo_nudge(void) {
  */
 static __always_inline void tavo_submit_as(void* rec, bool life) {
   __u64 flags = BPF_RB_NO_WAKEUP;
-  __u64* tid = tavo_consumer(TAVO_CONSUMER_TID);
-  __u64* state = tavo_consumer(TAVO_CONSUMER_STATE);
+  struct tavo_ring_consumer* c = tavo_consumer();
   if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) >
       bpf_ringbuf_query(&ringbuf_map, BPF_RB_RING_SIZE) / 2) {
     flags = BPF_RB_FORCE_WAKEUP;
-  } else if (!tid || !state || *tid == 0) {
+  } else if (!c) {
     if (tavo_wakeup_due(bpf_ktime_get_ns(), false)) flags = 0;
   } else if (life) {
     flags = 0;
-    if (*state == TAVO_CONSUMER_ASLEEP) {
-      *state = TAVO_CONSUMER_WOKEN;
+    if (c->state == TAVO_CONSUMER_ASLEEP) {
+      c->state = TAVO_CONSUMER_WOKEN;
       flags = BPF_RB_FORCE_WAKEUP;
     }
   }
@@ -339,27 +343,25 @@ int sched_sched_switch(struct trace_event_raw_sched_switch* ctx) {
   __u32 key = 0;
   __u64* count = bpf_map_lookup_elem(&switch_count, &key);
   if (count && ((*count)++ & TAVO_SWITCH_REFRESH_MASK) == 0) tavo_status_refresh();
-  __u64* tid = tavo_consumer(TAVO_CONSUMER_TID);
-  __u64* state = tavo_consumer(TAVO_CONSUMER_STATE);
-  __u64* since = tavo_consumer(TAVO_CONSUMER_SINCE);
-  if (!tid || !state || !since || *tid == 0) {
+  struct tavo_ring_consumer* c = tavo_consumer();
+  if (!c) {
     if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return 0;
     if (tavo_wakeup_due(bpf_ktime_get_ns(), ctx->next_pid == 0)) tavo_nudge();
     return 0;
   }
-  if (ctx->next_pid == (pid_t)*tid) {
-    *state = TAVO_CONSUMER_RUNNING;
+  if (ctx->next_pid == (pid_t)c->tid) {
+    c->state = TAVO_CONSUMER_RUNNING;
     return 0;
   }
-  bool own = ctx->prev_pid == (pid_t)*tid;
+  bool own = ctx->prev_pid == (pid_t)c->tid;
   if (own) {
     if (ctx->prev_state == 0 || ctx->prev_state >= TAVO_TASK_REPORT_MAX) return 0; /* preempted */
-    *since = bpf_ktime_get_ns();
-    *state = TAVO_CONSUMER_ASLEEP;
+    c->since = bpf_ktime_get_ns();
+    c->state = TAVO_CONSUMER_ASLEEP;
   }
-  if (*state != TAVO_CONSUMER_ASLEEP || bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return 0;
-  if (!own && ctx->next_pid != 0 && bpf_ktime_get_ns() - *since < TAVO_LAZY_DEADLINE_NS) return 0;
-  *state = TAVO_CONSUMER_WOKEN;
+  if (c->state != TAVO_CONSUMER_ASLEEP || bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) == 0) return 0;
+  if (!own && ctx->next_pid != 0 && bpf_ktime_get_ns() - c->since < TAVO_LAZY_DEADLINE_NS) return 0;
+  c->state = TAVO_CONSUMER_WOKEN;
   tavo_nudge();
   return 0;
 }
