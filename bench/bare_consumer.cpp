@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <android-base/unique_fd.h>
-#include <time.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -21,6 +20,7 @@
 #include <vector>
 
 #include "bench/bare_record.h"
+#include "util/tavo_time.h"
 
 namespace {
 
@@ -28,12 +28,6 @@ struct Tally {
   unsigned long forks = 0, exits = 0, received = 0;
   std::vector<uint64_t> latencyNs;
 };
-
-uint64_t MonotonicNs() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + ts.tv_nsec;
-}
 
 int OnRecord(void* ctx, void* data, size_t size) {
   auto* tally = static_cast<Tally*>(ctx);
@@ -44,7 +38,7 @@ int OnRecord(void* ctx, void* data, size_t size) {
   if (strncmp(rec.comm, "tavo_storm", sizeof(rec.comm)) != 0) return 0;
   if (rec.kind == BARE_FORK) {
     ++tally->forks;
-    if (tally->latencyNs.size() < tally->latencyNs.capacity()) tally->latencyNs.push_back(MonotonicNs() - rec.ts);
+    if (tally->latencyNs.size() < tally->latencyNs.capacity()) tally->latencyNs.push_back(Tavo::Bpf::GetSystemBootNanosencondsTime() - rec.ts);
   } else if (rec.kind == BARE_EXIT) {
     ++tally->exits;
   }
