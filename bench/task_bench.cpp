@@ -112,31 +112,38 @@ static void BM_ScanOverFloorRatio(benchmark::State& state) {
 }
 BENCHMARK(BM_ScanOverFloorRatio)->Unit(benchmark::kMillisecond)->MinTime(4.0)->UseRealTime();
 
-// A registered, settled process whose anonymous size keeps moving; about one
-// record in eight crosses the notice step (no subscribers).
+// Settled processes whose anonymous sizes keep moving; about one record in
+// eight crosses the notice step (no subscribers). The argument is how many
+// processes are registered: records visit them in a scattered order, as a
+// device's processes do.
 static void BM_RssStatHandler(benchmark::State& state) {
   TavoTaskTracker& tracker = Service().tracker;
   ClearRegistry(Service().registry);
+  const int processes = static_cast<int>(state.range(0));
+  constexpr int kFirstPid = 4242;
   tavo_task_init_event init;
   memset(&init, 0, sizeof(init));
-  init.pid = 4242;
   init.ppid = 1;
   memcpy(init.comm, "bench_app", 10);
-  tracker.handleTavoTaskInitEvent(reinterpret_cast<char*>(&init), sizeof(init));
+  for (int i = 0; i < processes; ++i) {
+    init.pid = kFirstPid + i;
+    tracker.handleTavoTaskInitEvent(reinterpret_cast<char*>(&init), sizeof(init));
+  }
   tavo_rss_stat_event rss;
   memset(&rss, 0, sizeof(rss));
   rss.hdr.type = TAVO_EVENT_KMEM_RSS_INFO;
   rss.hdr.ts = 10'000'000'000ULL;
-  rss.pid = 4242;
   rss.member = TAVO_RSS_ANON;
   int64_t i = 0;
   for (auto _ : state) {
-    rss.size = (++i & 0xff) * 4096;
+    ++i;
+    rss.pid = kFirstPid + static_cast<int32_t>((i * 7919) % processes);
+    rss.size = (i & 0xff) * 4096;
     benchmark::DoNotOptimize(tracker.handleKmem_RssStat(reinterpret_cast<char*>(&rss), sizeof(rss)));
   }
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_RssStatHandler);
+BENCHMARK(BM_RssStatHandler)->Arg(1)->Arg(1000);
 
 static void BM_RegistryBytesPerTask(benchmark::State& state) {
   constexpr int kTasks = 10000;

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "util/tavo_mutex.h"
@@ -71,7 +72,7 @@ class TavoTaskManager {
   // Always 0; errno ENOENT when absent.
   int DelRssTempTask(unsigned int key) EXCLUDES(lock_);
 
-  // Every record, in pid order.
+  // A copy of every record, in no particular order.
   std::vector<TavoTask> Snapshot() EXCLUDES(lock_);
 
   // The four dumps, written to <dir>/DUMPTASK_INFO. "IgnoreKernelTask"
@@ -85,7 +86,8 @@ class TavoTaskManager {
 
  private:
   Mutex lock_;
-  std::map<int32_t, TavoTask> tasks_ GUARDED_BY(lock_);
+  // Hashed: every ring record looks its process up.
+  std::unordered_map<int32_t, TavoTask> tasks_ GUARDED_BY(lock_);
   std::map<uint32_t, int32_t> mmidIndex_ GUARDED_BY(lock_);
   std::map<uint32_t, TavoTask> rssTempTasks_ GUARDED_BY(lock_);
 };

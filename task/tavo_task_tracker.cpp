@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "util/tavo_log.h"
 #include "util/tavo_time.h"
@@ -41,6 +42,12 @@ bool MemoryNoticeAllowed(const TavoTask& task, uint64_t ts, uint64_t moved) {
   if (strncmp(task.comm, "dumpsys", 7) == 0 || strncmp(task.comm, "sh", 2) == 0) return false;
   if (static_cast<int64_t>(ts - task.createTimeNs) < kSettlingNs) return false;
   return moved >= kMemoryStep;
+}
+
+// Names a process carries before it has its final one.
+bool HasPlaceholderName(const TavoTask& task) {
+  const std::string_view comm(task.comm, strnlen(task.comm, sizeof(task.comm)));
+  return comm == "main" || comm == "re-initialized>";
 }
 
 }  // namespace
@@ -166,36 +173,13 @@ int TavoTaskTracker::handleKmem_RssStat(char* data, long size) {
   const int32_t member = record->member;
   if (record->size < 0 || member < 0 || member >= TAVO_RSS_MEMBERS) return 0;
 
-  // A process still carrying a placeholder name gets its identity re-read,
-  // at most every few seconds, without the registry lock.
-  bool refresh = false;
-  UpdateProcessExdata info;
-  if (!registry_.WithTask(pid, [&](TavoTask& task) {
-        const std::string comm(task.comm, strnlen(task.comm, sizeof(task.comm)));
-        refresh = uninitializedComms_.count(comm) != 0 &&
-                  GetSystemSecondsTime() - static_cast<int64_t>(task.lastUpdateTime) >= kIdentityRefreshSeconds;
-        info.ppid = task.ppid;
-        memcpy(info.comm, task.comm, sizeof(info.comm));
-      })) {
-    return 0;
-  }
-  bool reread = false;
-  int64_t updated = 0;
-  if (refresh) {
-    reread = reader_.getProcessInfo(pid, &info) == 0;
-    updated = GetSystemSecondsTime();
-  }
-
+  // Most records take one pass under the registry lock. A process still
+  // carrying a placeholder name gets its identity re-read, at most every few
+  // seconds, without the lock; the record is then applied in a second pass.
+  enum class Pass { kAbsent, kApplied, kRefresh };
   tavo_notice_memory notice{};
   bool due = false;
-  registry_.WithTask(pid, [&](TavoTask& task) {
-    if (refresh) {
-      if (reread) {
-        task.ppid = info.ppid;
-        memcpy(task.comm, info.comm, sizeof(task.comm));
-      }
-      task.lastUpdateTime = static_cast<uint64_t>(updated);
-    }
+  auto apply = [&](TavoTask& task) {
     task.mmId = kMmIdMark;
     task.rssSize[member] = record->size;
     uint64_t moved = 0;
@@ -212,7 +196,33 @@ int TavoTaskTracker::handleKmem_RssStat(char* data, long size) {
     memcpy(notice.reported, task.rssOldSize, sizeof(notice.reported));
     memcpy(task.rssOldSize, task.rssSize, sizeof(task.rssOldSize));
     due = true;
+  };
+
+  Pass pass = Pass::kAbsent;
+  UpdateProcessExdata info;
+  registry_.WithTask(pid, [&](TavoTask& task) {
+    if (HasPlaceholderName(task) &&
+        GetSystemSecondsTime() - static_cast<int64_t>(task.lastUpdateTime) >= kIdentityRefreshSeconds) {
+      info.ppid = task.ppid;
+      memcpy(info.comm, task.comm, sizeof(info.comm));
+      pass = Pass::kRefresh;
+      return;
+    }
+    apply(task);
+    pass = Pass::kApplied;
   });
+  if (pass == Pass::kRefresh) {
+    const bool reread = reader_.getProcessInfo(pid, &info) == 0;
+    const int64_t updated = GetSystemSecondsTime();
+    registry_.WithTask(pid, [&](TavoTask& task) {
+      if (reread) {
+        task.ppid = info.ppid;
+        memcpy(task.comm, info.comm, sizeof(task.comm));
+      }
+      task.lastUpdateTime = static_cast<uint64_t>(updated);
+      apply(task);
+    });
+  }
   if (due) notices_(&notice, sizeof(notice));
   return 0;
 }

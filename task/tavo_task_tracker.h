@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <set>
 #include <string>
 
 #include "bpf/tavo_bpf_map.h"
@@ -53,8 +52,6 @@ class TavoTaskTracker {
   const TavoProcReader& reader_;
   TavoNoticeSink notices_;
   ExitObserver onProcessExit_;
-  // Names a process carries before it has its final one.
-  const std::set<std::string> uninitializedComms_{"main", "re-initialized>"};
 };
 
 }  // namespace Tavo::Bpf
