@@ -12,6 +12,8 @@ namespace {
 constexpr int kRawCodes = TAVO_EVENT_MAX_RAW + 1;
 // The manager whose batch the calling thread is in, if any.
 thread_local const EventManager* tBatchOwner = nullptr;
+// Whether this thread's open batch queued anything.
+thread_local bool tBatchQueued = false;
 }  // namespace
 
 EventManager::EventManager(WriteNotifier notify, std::shared_ptr<IpcQueueBudget> budget, Sender send)
@@ -48,6 +50,7 @@ void EventManager::RemoveClient(int fd) {
 void EventManager::Unsubscribe(Client& client, int slot) {
   if (!client.subscribed.test(slot)) return;
   observers_[slot].erase(client.positions[slot]);
+  if (observers_[slot].empty()) observed_.fetch_and(~(uint32_t{1} << slot), std::memory_order_release);
   client.subscribed.reset(slot);
   client.order.erase(std::find(client.order.begin(), client.order.end(), slot));
 }
@@ -60,6 +63,7 @@ bool EventManager::AddObserverEvent(int fd, int type) {
   if (client == nullptr) return false;
   if (client->subscribed.test(slot)) return true;  // a repeated subscription changes nothing
   client->positions[slot] = observers_[slot].insert(observers_[slot].end(), client);
+  observed_.fetch_or(uint32_t{1} << slot, std::memory_order_release);
   client->subscribed.set(slot);
   client->order.push_back(slot);
   return true;
@@ -87,13 +91,15 @@ int EventManager::AppendEvent(const char* data, unsigned long size) {
   uint32_t code;
   memcpy(&code, data, sizeof(code));
   const int slot = CodeSlot(static_cast<int>(code));
-  if (slot < 0) return 0;
+  // Most records have no subscriber: no lock for those.
+  if (slot < 0 || (observed_.load(std::memory_order_acquire) & (uint32_t{1} << slot)) == 0) return 0;
   MutexLock guard(lock_);
   const std::list<Client*>& observers = observers_[slot];
   if (observers.empty()) return 0;
   // Every subscriber has its copy queued before the first is told.
   for (Client* client : observers) client->queue.buildAndAppendSecondIpcPackage(IPC_COMMAND_EVENT, data, size);
   if (tBatchOwner == this) {
+    tBatchQueued = true;
     for (Client* client : observers) {
       if (!client->batched) batched_.push_back(client->fd);
       client->batched = true;
@@ -104,12 +110,18 @@ int EventManager::AppendEvent(const char* data, unsigned long size) {
   return 0;
 }
 
-void EventManager::BeginBatch() { tBatchOwner = this; }
+void EventManager::BeginBatch() {
+  tBatchOwner = this;
+  tBatchQueued = false;
+}
 
 void EventManager::EndBatch() {
   if (tBatchOwner != this) return;
   tBatchOwner = nullptr;
-  std::vector<int> fds;
+  if (!tBatchQueued) return;
+  // Swapped with batched_, so the two buffers are reused batch after batch.
+  thread_local std::vector<int> fds;
+  fds.clear();
   {
     MutexLock guard(lock_);
     if (batched_.empty()) return;

@@ -10,6 +10,7 @@
 #include <android-base/thread_annotations.h>
 
 #include <array>
+#include <atomic>
 #include <bitset>
 #include <cstdint>
 #include <functional>
@@ -91,6 +92,9 @@ class EventManager {
   std::vector<int> batched_ GUARDED_BY(lock_);  // clients with Client::batched set
   std::map<int, std::unique_ptr<Client>> clients_ GUARDED_BY(lock_);
   std::array<std::list<Client*>, kKnownCodes> observers_ GUARDED_BY(lock_);
+  // Bit per slot whose observer list is not empty; written under lock_.
+  std::atomic<uint32_t> observed_{0};
+  static_assert(kKnownCodes <= 32, "one bit per slot");
 };
 
 }  // namespace Tavo::Bpf

@@ -66,6 +66,9 @@ TEST(EventManager, SubscriptionsAreKnownCodesOnlyAndKeepTheirOrder) {
 
   EXPECT_TRUE(events.DelObserverEvent(6, 7));
   EXPECT_EQ(events.GetEventObservers(7), (std::vector<int>{5}));
+  notified.clear();
+  events.AppendEvent(tavo_test::Bytes(setup), sizeof(setup));
+  EXPECT_EQ(notified, (std::vector<int>{5})) << "the code keeps its other observer";
   events.RemoveClient(5);
   EXPECT_TRUE(events.GetEventObservers(7).empty());
   EXPECT_TRUE(events.GetEventObservers(TAVO_NOTICE_DMABUF_TOTAL).empty());
