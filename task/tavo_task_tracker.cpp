@@ -176,7 +176,6 @@ int TavoTaskTracker::handleKmem_RssStat(char* data, long size) {
   // Most records take one pass under the registry lock. A process still
   // carrying a placeholder name gets its identity re-read, at most every few
   // seconds, without the lock; the record is then applied in a second pass.
-  enum class Pass { kAbsent, kApplied, kRefresh };
   tavo_notice_memory notice{};
   bool due = false;
   auto apply = [&](TavoTask& task) {
@@ -198,20 +197,19 @@ int TavoTaskTracker::handleKmem_RssStat(char* data, long size) {
     due = true;
   };
 
-  Pass pass = Pass::kAbsent;
+  bool refresh = false;
   UpdateProcessExdata info;
   registry_.WithTask(pid, [&](TavoTask& task) {
     if (HasPlaceholderName(task) &&
         GetSystemSecondsTime() - static_cast<int64_t>(task.lastUpdateTime) >= kIdentityRefreshSeconds) {
       info.ppid = task.ppid;
       memcpy(info.comm, task.comm, sizeof(info.comm));
-      pass = Pass::kRefresh;
+      refresh = true;
       return;
     }
     apply(task);
-    pass = Pass::kApplied;
   });
-  if (pass == Pass::kRefresh) {
+  if (refresh) {
     const bool reread = reader_.getProcessInfo(pid, &info) == 0;
     const int64_t updated = GetSystemSecondsTime();
     registry_.WithTask(pid, [&](TavoTask& task) {
