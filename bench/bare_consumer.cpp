@@ -1,9 +1,9 @@
 // The peer benchmark's floor: loads bare_consumer.bpf.o, attaches its fork
 // and exit tracepoints and reads the ring the way ring_buffer__poll(-1) does
 // (one epoll wait, then consume), doing no work per record beyond counting
-// those of "tavo_storm" and noting the fork records' latency. A signalfd in
+// those of "tavo_storm" and noting the records' latency. A signalfd in
 // the same wait ends it. Prints "ready" once attached; on SIGINT/SIGTERM:
-//   forks exits p50_us p99_us received
+//   forks exits p50_us p99_us received exit_p50_us exit_p99_us
 //   tavo_bare_consumer OBJECT
 #include <bpf/libbpf.h>
 #include <signal.h>
@@ -13,20 +13,20 @@
 
 #include <android-base/unique_fd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <vector>
 
 #include "bench/bare_record.h"
+#include "bench/latency_log.h"
 #include "util/tavo_time.h"
 
 namespace {
 
 struct Tally {
   unsigned long forks = 0, exits = 0, received = 0;
-  std::vector<uint64_t> latencyNs;
+  tavo_bench::LatencyLog forkLatency, exitLatency;
 };
 
 int OnRecord(void* ctx, void* data, size_t size) {
@@ -38,9 +38,10 @@ int OnRecord(void* ctx, void* data, size_t size) {
   if (strncmp(rec.comm, "tavo_storm", sizeof(rec.comm)) != 0) return 0;
   if (rec.kind == BARE_FORK) {
     ++tally->forks;
-    if (tally->latencyNs.size() < tally->latencyNs.capacity()) tally->latencyNs.push_back(Tavo::Bpf::GetSystemBootNanosencondsTime() - rec.ts);
+    tally->forkLatency.Add(Tavo::Bpf::GetSystemBootNanosencondsTime() - rec.ts);
   } else if (rec.kind == BARE_EXIT) {
     ++tally->exits;
+    tally->exitLatency.Add(Tavo::Bpf::GetSystemBootNanosencondsTime() - rec.ts);
   }
   return 0;
 }
@@ -68,7 +69,6 @@ int main(int argc, char** argv) {
     }
   }
   Tally tally;
-  tally.latencyNs.reserve(1 << 20);
   std::unique_ptr<ring_buffer, void (*)(ring_buffer*)> ring(
       ring_buffer__new(bpf_object__find_map_fd_by_name(object.get(), "bare_ring"), OnRecord, &tally, nullptr),
       ring_buffer__free);
@@ -97,10 +97,11 @@ int main(int argc, char** argv) {
     for (int i = 0; i < count; ++i) running = running && ready[i].data.fd != signals.get();
     ring_buffer__consume(ring.get());
   }
-  std::vector<uint64_t>& l = tally.latencyNs;
-  std::sort(l.begin(), l.end());
-  auto pct = [&](double p) { return l.empty() ? 0.0 : l[std::min(l.size() - 1, (size_t)(p * l.size()))] / 1000.0; };
-  printf("%lu %lu %.1f %.1f %lu\n", tally.forks, tally.exits, pct(0.50), pct(0.99), tally.received);
+  printf("%lu %lu ", tally.forks, tally.exits);
+  tally.forkLatency.Print(stdout);
+  printf(" %lu ", tally.received);
+  tally.exitLatency.Print(stdout);
+  printf("\n");
   fflush(stdout);
   _exit(0);
 }

@@ -10,7 +10,9 @@
 # its threads) over the storm's operations (one fork and its exit, or one
 # thread created and ended); for the daemon it is also split by thread.
 # Sleeps are the observer's voluntary context switches per operation: each
-# is a sleep and a wake-up, the bulk of a consumer's cost.
+# is a sleep and a wake-up, the bulk of a consumer's cost. Latency is from
+# the record's kernel time stamp to the consumer: p50/p99 for fork records,
+# x50/x99 for exit records.
 #   bench/peer_bench.sh [N] [ROUNDS]        (default 20000 3; root)
 #   TAVO_PEER_DAEMON=other/tavo_bpfd bench/peer_bench.sh ...   another build's daemon
 # Builds the release preset's pieces it needs.
@@ -45,11 +47,11 @@ sleeps() { cat /proc/"$1"/task/*/status 2>/dev/null | awk '/^voluntary_ctxt_swit
 sleeps_per_op() { awk -v d="$1" -v n="$N" 'BEGIN {printf "%.2f", d / n}'; }
 per_op() { awk -v d="$1" -v t="$ticks" -v n="$N" 'BEGIN {printf "%.2f", d / t * 1e6 / n}'; }
 storm() { "$B/bench/tavo_storm" "$1" "$N" | awk '{print $4}'; }
-# results: case kind round rate lost cpu_us_per_op rss_kB p50 p99 split sleeps_per_op
+# results: case kind round rate lost cpu_us_per_op rss_kB p50 p99 split sleeps_per_op x50 x99
 row() { echo "$*" >>"$results"; }
 
 for round in $(seq "$ROUNDS"); do
-  for kind in fork thread; do row a $kind "$round" "$(storm $kind)" 0 - - - - - -; done
+  for kind in fork thread; do row a $kind "$round" "$(storm $kind)" 0 - - - - - - - -; done
 
   # (b) bpftrace
   out=$work/bpftrace.out
@@ -67,7 +69,7 @@ for round in $(seq "$ROUNDS"); do
     c1=$(cpu_ticks $bg); s1=$(sleeps $bg)
     f=$(( $(grep -c '^fork' "$out" || true) - before )); x=$(( $(grep -c '^exit' "$out" || true) - beforex ))
     lost=$(( 2 * N - f - x )); [ $lost -ge 0 ] || lost=0
-    row b $kind "$round" "$rate" $lost "$(per_op $((c1 - c0)))" "$(hwm_kb $bg)" - - - "$(sleeps_per_op $((s1 - s0)))"
+    row b $kind "$round" "$rate" $lost "$(per_op $((c1 - c0)))" "$(hwm_kb $bg)" - - - "$(sleeps_per_op $((s1 - s0)))" - -
   done
   kill -INT $bg; wait $bg 2>/dev/null || true; bg=""
 
@@ -84,12 +86,13 @@ for round in $(seq "$ROUNDS"); do
     c1=$(cpu_ticks $daemon); s1=$(sleeps $daemon)
     thread_ticks $daemon >"$work/t1"
     kill -TERM "$SUB_PID"
-    read -r -t 30 fp ft xp xt st en p50 p99 recv <&"${SUB[0]}" || { fp=0 ft=0 xp=0 xt=0 st=0 en=0 p50=- p99=-; }
+    read -r -t 30 fp ft xp xt st en p50 p99 _ x50 x99 <&"${SUB[0]}" ||
+      { fp=0 ft=0 xp=0 xt=0 st=0 en=0 p50=- p99=- x50=- x99=-; }
     kill -KILL "$SUB_PID" 2>/dev/null || true; wait "$SUB_PID" 2>/dev/null || true
     if [ $kind = fork ]; then got=$((fp + xp + st + en)); want=$((4 * N)); else got=$((ft + xt)); want=$((2 * N)); fi
     lost=$(( want - got )); [ $lost -ge 0 ] || lost=0
     row c $kind "$round" "$rate" $lost "$(per_op $((c1 - c0)))" "$(hwm_kb $daemon)" "$p50" "$p99" \
-      "$(thread_split "$work/t0" "$work/t1")" "$(sleeps_per_op $((s1 - s0)))"
+      "$(thread_split "$work/t0" "$work/t1")" "$(sleeps_per_op $((s1 - s0)))" "$x50" "$x99"
   done
   kill -TERM $daemon; wait $daemon 2>/dev/null || true; bg=""
 
@@ -103,10 +106,10 @@ for round in $(seq "$ROUNDS"); do
     sleep 1
     c1=$(cpu_ticks $BARE_PID); s1=$(sleeps $BARE_PID)
     kill -TERM "$BARE_PID"
-    read -r -t 30 forks exits p50 p99 recv <&"${BARE[0]}" || { forks=0 exits=0 p50=- p99=-; }
+    read -r -t 30 forks exits p50 p99 _ x50 x99 <&"${BARE[0]}" || { forks=0 exits=0 p50=- p99=- x50=- x99=-; }
     wait "$BARE_PID" 2>/dev/null || true; bg=""
     lost=$(( 2 * N - forks - exits )); [ $lost -ge 0 ] || lost=0
-    row d $kind "$round" "$rate" $lost "$(per_op $((c1 - c0)))" - "$p50" "$p99" - "$(sleeps_per_op $((s1 - s0)))"
+    row d $kind "$round" "$rate" $lost "$(per_op $((c1 - c0)))" - "$p50" "$p99" - "$(sleeps_per_op $((s1 - s0)))" "$x50" "$x99"
   done
 done
 
@@ -114,17 +117,20 @@ names() { case $1 in a) echo nothing;; b) echo bpftrace;; c) echo daemon+client;
 echo "N=$N rounds=$ROUNDS; cpu_us is the observer's CPU per storm operation"
 echo
 echo "Every round:"
-printf "%-14s %-6s %5s %8s %6s %6s %6s %8s %8s  %s\n" case storm round rate/s lost cpu_us sleeps p50_us p99_us "daemon threads (cpu_us)"
+printf "%-14s %-6s %5s %8s %6s %6s %6s %8s %8s %8s %8s  %s\n" case storm round rate/s lost cpu_us sleeps p50_us p99_us x50_us x99_us \
+  "daemon threads (cpu_us)"
 for kind in fork thread; do
   for c in a b c d; do
-    awk -v c=$c -v k=$kind '$1 == c && $2 == k' "$results" | while read -r _ _ r rate lost cpu _ p50 p99 split slept; do
-      printf "%-14s %-6s %5s %8s %6s %6s %6s %8s %8s  %s\n" "$(names $c)" $kind "$r" "$rate" "$lost" "$cpu" "$slept" "$p50" "$p99" "$split"
+    awk -v c=$c -v k=$kind '$1 == c && $2 == k' "$results" | while read -r _ _ r rate lost cpu _ p50 p99 split slept x50 x99; do
+      printf "%-14s %-6s %5s %8s %6s %6s %6s %8s %8s %8s %8s  %s\n" "$(names $c)" $kind "$r" "$rate" "$lost" "$cpu" "$slept" \
+        "$p50" "$p99" "$x50" "$x99" "$split"
     done
   done
 done
 echo
-echo "Medians over rounds (lost: the sum; p99: the worst round):"
-printf "%-14s %-6s %8s %6s %6s %7s %6s %10s %8s %8s\n" case storm rate/s ratio lost cpu_us sleeps peakRSS_kB p50_us p99max
+echo "Medians over rounds (lost: the sum; p99, x99: the worst round):"
+printf "%-14s %-6s %8s %6s %6s %7s %6s %10s %8s %8s %8s %8s\n" case storm rate/s ratio lost cpu_us sleeps peakRSS_kB p50_us \
+  p99max x50_us x99max
 for kind in fork thread; do
   base=$(awk -v k=$kind '$1 == "a" && $2 == k {print $4}' "$results" | sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}')
   for c in a b c d; do
@@ -133,12 +139,14 @@ for kind in fork thread; do
         for (i = 2; i <= n; i++) for (j = i; j > 1 && v[j-1] + 0 > v[j] + 0; j--) {t = v[j]; v[j] = v[j-1]; v[j-1] = t}
         return v[int((n + 1) / 2)]
       }
-      {n++; r[n]=$4; l+=$5; cpu[n]=$6; rss=($7>rss?$7:rss); p50[n]=$8; p99=($9 != "-" && $9+0 > p99+0 ? $9 : p99); sl[n]=$11}
+      {n++; r[n]=$4; l+=$5; cpu[n]=$6; rss=($7>rss?$7:rss); p50[n]=$8; p99=($9 != "-" && $9+0 > p99+0 ? $9 : p99); sl[n]=$11
+       x50[n]=$12; x99=($13 != "-" && $13+0 > x99+0 ? $13 : x99)}
       END {
         rate = median(r, n)
-        printf "%-14s %-6s %8d %6.2f %6d %7s %6s %10s %8s %8s\n", name, k, rate, rate / base, l,
+        printf "%-14s %-6s %8d %6.2f %6d %7s %6s %10s %8s %8s %8s %8s\n", name, k, rate, rate / base, l,
           (cpu[1] == "-" ? "-" : median(cpu, n)), (sl[1] == "-" ? "-" : median(sl, n)), (rss ? rss : "-"),
-          (p50[1] == "-" ? "-" : median(p50, n)), (p99 == "" ? "-" : p99)}'
+          (p50[1] == "-" ? "-" : median(p50, n)), (p99 == "" ? "-" : p99),
+          (x50[1] == "-" ? "-" : median(x50, n)), (x99 == "" ? "-" : x99)}'
   done
 done
 echo "raw: $results"

@@ -2,19 +2,19 @@
 // the start and end notices, writes one line per event to a file, and on
 // SIGINT/SIGTERM prints what it saw of the process named "tavo_storm":
 //   fork_proc fork_thread exit_proc exit_thread start end p50_us p99_us received
+//   exit_p50_us exit_p99_us
 // Latency is the record's kernel time stamp against CLOCK_MONOTONIC when the
-// client's callback runs (fork records only).
+// client's callback runs; p50/p99 are the fork records', exit_ the exits'.
 //   tavo_bench_subscriber OUT_FILE
 #include <signal.h>
 #include <time.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
+#include "bench/latency_log.h"
 #include "bpf/tavo_bpf_records.h"
 #include "tools/tavo_client/tavo_client.h"
 #include "util/tavo_time.h"
@@ -28,7 +28,7 @@ constexpr const char* kStorm = "tavo_storm";
 struct Tally {
   std::mutex lock;
   unsigned long forkProc = 0, forkThread = 0, exitProc = 0, exitThread = 0, start = 0, end = 0;
-  std::vector<uint64_t> latencyNs;
+  tavo_bench::LatencyLog forkLatency, exitLatency;
 };
 
 }  // namespace
@@ -48,7 +48,6 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stop, nullptr);
 
   Tally tally;
-  tally.latencyNs.reserve(1 << 20);
   TavoClient client([&](const Event& e) {
     const uint64_t now = Tavo::Bpf::GetSystemBootNanosencondsTime();
     std::lock_guard<std::mutex> guard(tally.lock);
@@ -57,12 +56,13 @@ int main(int argc, char** argv) {
               r->kind, r->comm.c_str());
       if (r->comm != kStorm) return;
       (r->kind == TAVO_TASK_KIND_PROCESS ? tally.forkProc : tally.forkThread)++;
-      if (tally.latencyNs.size() < tally.latencyNs.capacity()) tally.latencyNs.push_back(now - r->header.ts);
+      tally.forkLatency.Add(now - r->header.ts);
     } else if (const auto* x = std::get_if<TaskExitRecord>(&e)) {
       fprintf(out, "exit %llu pid=%d kind=%u comm=%s\n", (unsigned long long)x->header.ts, x->pid, x->kind,
               x->comm.c_str());
       if (x->comm != kStorm) return;
       (x->kind == TAVO_TASK_KIND_PROCESS ? tally.exitProc : tally.exitThread)++;
+      tally.exitLatency.Add(now - x->header.ts);
     } else if (const auto* s = std::get_if<ProcessStartNotice>(&e)) {
       fprintf(out, "start pid=%d ppid=%d comm=%s\n", s->pid, s->ppid, s->comm.c_str());
       if (s->comm == kStorm) tally.start++;
@@ -87,11 +87,12 @@ int main(int argc, char** argv) {
   sigwait(&stop, &sig);
   // Report first: the figures must not wait for the socket thread to wind down.
   std::unique_lock<std::mutex> guard(tally.lock);
-  std::vector<uint64_t>& l = tally.latencyNs;
-  std::sort(l.begin(), l.end());
-  auto pct = [&](double p) { return l.empty() ? 0.0 : l[std::min(l.size() - 1, (size_t)(p * l.size()))] / 1000.0; };
-  printf("%lu %lu %lu %lu %lu %lu %.1f %.1f %llu\n", tally.forkProc, tally.forkThread, tally.exitProc,
-         tally.exitThread, tally.start, tally.end, pct(0.50), pct(0.99), (unsigned long long)client.ReceivedCount());
+  printf("%lu %lu %lu %lu %lu %lu ", tally.forkProc, tally.forkThread, tally.exitProc, tally.exitThread, tally.start,
+         tally.end);
+  tally.forkLatency.Print(stdout);
+  printf(" %llu ", (unsigned long long)client.ReceivedCount());
+  tally.exitLatency.Print(stdout);
+  printf("\n");
   fflush(stdout);
   fflush(out);
   _exit(0);  // skips Close(): the process ends and the kernel drops the socket
