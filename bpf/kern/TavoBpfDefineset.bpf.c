@@ -87,11 +87,14 @@ static __always_inline bool tavo_is_new_thread(struct task_struct* parent, pid_t
  * (its epoll is level-triggered, so a record written meanwhile is seen);
  * switched out asleep, it is ASLEEP, and if data came in while it went to
  * sleep it is woken at once.
- *   - Life-cycle records (fork, exit) wake it when it sleeps; otherwise
- *     they keep the ring's own rule (wake if it has read all before them).
- *   - Counter records (rss, open fds) never do: they ride on the next
- *     wake-up, or a CPU about to idle wakes it, or the next context switch
- *     anywhere once it has slept TAVO_LAZY_DEADLINE_NS.
+ *   - Fork records wake it when it sleeps; otherwise they keep the ring's
+ *     own rule (wake if it has read all before them).
+ *   - Everything else (exits, rss, open fds) never does: it rides on the
+ *     next wake-up, or a CPU about to idle wakes it, or the next context
+ *     switch anywhere once it has slept TAVO_LAZY_DEADLINE_NS. An exit
+ *     that woke the pump at once would pull it in beside the exiting task
+ *     and the parent that task is about to wake; its CPU idles, or the
+ *     parent's next fork comes, a moment later.
  * The map is a plain array read and written without atomics (5.10 has no
  * BPF compare-and-exchange). A lost race costs at most a second wake-up or
  * a record's wait for the next idle CPU or the deadline, never a record.
@@ -147,7 +150,7 @@ static __always_inline void tavo_nudge(void) {
  * A ring more than half full always wakes the consumer: unannounced records
  * must never fill it, or no reservation (and so no wake-up) could follow.
  */
-static __always_inline void tavo_submit_as(void* rec, bool life) {
+static __always_inline void tavo_submit_as(void* rec, bool wake) {
   __u64 flags = BPF_RB_NO_WAKEUP;
   struct tavo_ring_consumer* c = tavo_consumer();
   if (bpf_ringbuf_query(&ringbuf_map, BPF_RB_AVAIL_DATA) >
@@ -155,7 +158,7 @@ static __always_inline void tavo_submit_as(void* rec, bool life) {
     flags = BPF_RB_FORCE_WAKEUP;
   } else if (!c) {
     if (tavo_wakeup_due(bpf_ktime_get_ns(), false)) flags = 0;
-  } else if (life) {
+  } else if (wake) {
     flags = 0;
     if (c->state == TAVO_CONSUMER_ASLEEP) {
       c->state = TAVO_CONSUMER_WOKEN;
@@ -164,8 +167,8 @@ static __always_inline void tavo_submit_as(void* rec, bool life) {
   }
   bpf_ringbuf_submit(rec, flags);
 }
-#define tavo_submit_life(rec) tavo_submit_as(rec, true)
-#define tavo_submit_counter(rec) tavo_submit_as(rec, false)
+#define tavo_submit_waking(rec) tavo_submit_as(rec, true)
+#define tavo_submit_lazy(rec) tavo_submit_as(rec, false)
 
 /*
  * Exactly one exit per process. Kernels whose exit tracepoint carries
@@ -227,7 +230,7 @@ int sched_sched_process_fork(struct trace_event_raw_sched_process_fork* ctx) {
   rec->uid = (__u32)bpf_get_current_uid_gid();
   /* The child starts with the parent's name. */
   bpf_get_current_comm(rec->comm, sizeof(rec->comm));
-  tavo_submit_life(rec);
+  tavo_submit_waking(rec);
   return 0;
 }
 
@@ -253,7 +256,7 @@ int sched_sched_process_exit(struct trace_event_raw_sched_process_exit* ctx) {
     bpf_get_current_comm(rec->comm, sizeof(rec->comm));
     rec->kind = TAVO_TASK_KIND_THREAD;
   }
-  tavo_submit_life(rec);
+  tavo_submit_lazy(rec);
   return 0;
 }
 
@@ -324,7 +327,7 @@ int kmem_rss_stat(struct trace_event_raw_rss_stat* ctx) {
   rec->pid = (__s32)tgid;
   rec->member = member;
   rec->size = size;
-  tavo_submit_counter(rec);
+  tavo_submit_lazy(rec);
 
   struct tavo_rss_last now = {.size = size, .mm_id = mm_id};
   bpf_map_update_elem(&rss_last_map, &key, &now, BPF_ANY);
@@ -392,7 +395,7 @@ static __always_inline int tavo_fd_change(__s64 delta, __s32 fd) {
   rec->fd = fd;
   rec->fd_count = count;
   bpf_get_current_comm(rec->comm, sizeof(rec->comm));
-  tavo_submit_counter(rec);
+  tavo_submit_lazy(rec);
   return 0;
 }
 
