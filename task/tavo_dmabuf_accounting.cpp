@@ -162,7 +162,7 @@ void TavoDmabufAccounting::NoteProcessExit(int32_t pid, uint64_t ts) {
   // applied at once rather than kept.
   if (pendingExits_.size() >= kMaxPendingExits) {
     PurgeLocked(pendingExits_.front().pid, pendingExits_.front().ts);
-    pendingExits_.erase(pendingExits_.begin());
+    pendingExits_.pop_front();
   }
   pendingExits_.push_back({pid, ts, generation_});
 }

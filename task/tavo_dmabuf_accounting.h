@@ -13,6 +13,7 @@
 #include <android-base/thread_annotations.h>
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <string>
 #include <vector>
@@ -49,6 +50,8 @@ class TavoDmabufAccounting {
   // ApplyExits(): records the process wrote before it ended may still be
   // in the dma-buf ring and must find its entries.
   void NoteProcessExit(int32_t pid, uint64_t ts) EXCLUDES(lock_);
+  // Exits waiting for ApplyExits(); past it the oldest is applied at once.
+  static constexpr size_t kMaxPendingExits = 4096;
   // Called by the dma-buf ring's pump after each full consume: applies the
   // exits noted before the previous call, whose records that consume has
   // taken.
@@ -64,8 +67,6 @@ class TavoDmabufAccounting {
   bool Tracks(int32_t pid) EXCLUDES(lock_);
 
  private:
-  static constexpr size_t kMaxPendingExits = 4096;
-
   struct PendingExit {
     int32_t pid;
     uint64_t ts;
@@ -101,7 +102,8 @@ class TavoDmabufAccounting {
   // Time stamp of the latest use taken for a pid: an exit older than it
   // belongs to an earlier process with that pid.
   std::map<int32_t, uint64_t> processDmabufLastUseTs_ GUARDED_BY(lock_);
-  std::vector<PendingExit> pendingExits_ GUARDED_BY(lock_);
+  // Oldest first; a full list drops its front on every exit.
+  std::deque<PendingExit> pendingExits_ GUARDED_BY(lock_);
   uint64_t generation_ GUARDED_BY(lock_) = 0;
 };
 

@@ -152,6 +152,20 @@ TEST(DmabufAccounting, ExitsFromAnotherThreadWhileRecordsApply) {
   EXPECT_EQ(f.dmabuf.UseCount(kPids + 1, 2), 2000u);
 }
 
+// A dma-buf ring that is never drained must not hold exits without bound,
+// nor retire them newest first.
+TEST(DmabufAccounting, AFullListOfExitsRetiresTheOldestAtOnce) {
+  Fixture f;
+  for (int pid : {1, 2}) f.Apply({A, pid, 1, 0, 1, 1});
+  for (int32_t pid = 1; pid <= static_cast<int32_t>(TavoDmabufAccounting::kMaxPendingExits); ++pid) {
+    f.dmabuf.NoteProcessExit(pid, 2);
+  }
+  EXPECT_TRUE(f.dmabuf.Tracks(1));
+  f.dmabuf.NoteProcessExit(5000, 2);
+  EXPECT_FALSE(f.dmabuf.Tracks(1));
+  EXPECT_TRUE(f.dmabuf.Tracks(2));
+}
+
 TEST(DmabufAccounting, SeedingCountsEveryDescriptorButChargesOneUse) {
   if (!tavo_test::Env().bpffs) GTEST_SKIP() << tavo_test::Env().whyNot;
   Fixture f;
