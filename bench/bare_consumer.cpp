@@ -97,11 +97,8 @@ int main(int argc, char** argv) {
     for (int i = 0; i < count; ++i) running = running && ready[i].data.fd != signals.get();
     ring_buffer__consume(ring.get());
   }
-  printf("%lu %lu ", tally.forks, tally.exits);
-  tally.forkLatency.Print(stdout);
-  printf(" %lu ", tally.received);
-  tally.exitLatency.Print(stdout);
-  printf("\n");
+  printf("%lu %lu %s %lu %s\n", tally.forks, tally.exits, tally.forkLatency.Summary().c_str(), tally.received,
+         tally.exitLatency.Summary().c_str());
   fflush(stdout);
   _exit(0);
 }

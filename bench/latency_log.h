@@ -2,9 +2,11 @@
 // up to a fixed count (no allocation while the storm runs), then summed up.
 #pragma once
 
+#include <android-base/stringprintf.h>
+
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
+#include <string>
 #include <vector>
 
 namespace tavo_bench {
@@ -15,10 +17,10 @@ class LatencyLog {
   void Add(uint64_t ns) {
     if (ns_.size() < ns_.capacity()) ns_.push_back(ns);
   }
-  // Percentiles in microseconds, once the storm is over: "p50 p99".
-  void Print(FILE* out) {
+  // "p50 p99" in microseconds, once the storm is over.
+  std::string Summary() {
     std::sort(ns_.begin(), ns_.end());
-    fprintf(out, "%.1f %.1f", At(0.50), At(0.99));
+    return android::base::StringPrintf("%.1f %.1f", At(0.50), At(0.99));
   }
 
  private:

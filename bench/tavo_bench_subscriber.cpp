@@ -87,12 +87,9 @@ int main(int argc, char** argv) {
   sigwait(&stop, &sig);
   // Report first: the figures must not wait for the socket thread to wind down.
   std::unique_lock<std::mutex> guard(tally.lock);
-  printf("%lu %lu %lu %lu %lu %lu ", tally.forkProc, tally.forkThread, tally.exitProc, tally.exitThread, tally.start,
-         tally.end);
-  tally.forkLatency.Print(stdout);
-  printf(" %llu ", (unsigned long long)client.ReceivedCount());
-  tally.exitLatency.Print(stdout);
-  printf("\n");
+  printf("%lu %lu %lu %lu %lu %lu %s %llu %s\n", tally.forkProc, tally.forkThread, tally.exitProc, tally.exitThread,
+         tally.start, tally.end, tally.forkLatency.Summary().c_str(), (unsigned long long)client.ReceivedCount(),
+         tally.exitLatency.Summary().c_str());
   fflush(stdout);
   fflush(out);
   _exit(0);  // skips Close(): the process ends and the kernel drops the socket
