@@ -10,10 +10,13 @@ namespace Tavo::Bpf {
 
 namespace {
 constexpr int kRawCodes = TAVO_EVENT_MAX_RAW + 1;
-// The manager whose batch the calling thread is in, if any.
-thread_local const EventManager* tBatchOwner = nullptr;
-// Whether this thread's open batch queued anything.
-thread_local bool tBatchQueued = false;
+// The calling thread's batch: the manager it is open on, if any, and whether
+// it queued anything. One thread-local, so one look-up in a shared library.
+struct ThreadBatch {
+  const EventManager* owner = nullptr;
+  bool queued = false;
+};
+thread_local ThreadBatch tBatch;
 }  // namespace
 
 EventManager::EventManager(WriteNotifier notify, std::shared_ptr<IpcQueueBudget> budget, Sender send)
@@ -98,8 +101,8 @@ int EventManager::AppendEvent(const char* data, unsigned long size) {
   if (observers.empty()) return 0;
   // Every subscriber has its copy queued before the first is told.
   for (Client* client : observers) client->queue.buildAndAppendSecondIpcPackage(IPC_COMMAND_EVENT, data, size);
-  if (tBatchOwner == this) {
-    tBatchQueued = true;
+  if (ThreadBatch& batch = tBatch; batch.owner == this) {
+    batch.queued = true;
     for (Client* client : observers) {
       if (!client->batched) batched_.push_back(client->fd);
       client->batched = true;
@@ -110,15 +113,14 @@ int EventManager::AppendEvent(const char* data, unsigned long size) {
   return 0;
 }
 
-void EventManager::BeginBatch() {
-  tBatchOwner = this;
-  tBatchQueued = false;
-}
+void EventManager::BeginBatch() { tBatch = ThreadBatch{this, false}; }
 
 void EventManager::EndBatch() {
-  if (tBatchOwner != this) return;
-  tBatchOwner = nullptr;
-  if (!tBatchQueued) return;
+  ThreadBatch& batch = tBatch;
+  if (batch.owner != this) return;
+  const bool queued = batch.queued;
+  batch = ThreadBatch{};
+  if (!queued) return;
   // Swapped with batched_, so the two buffers are reused batch after batch.
   thread_local std::vector<int> fds;
   fds.clear();
