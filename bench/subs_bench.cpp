@@ -19,7 +19,7 @@
 
 #include "bench/bench_support.h"
 #include "service/tavo_bpf_service.h"
-#include "tools/tavo_client/tavo_client.h"
+#include "client/tavo_client.h"
 
 using namespace Tavo::Bpf;
 using Tavo::Client::TavoClient;

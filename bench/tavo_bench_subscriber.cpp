@@ -16,7 +16,7 @@
 
 #include "bench/latency_log.h"
 #include "bpf/tavo_bpf_records.h"
-#include "tools/tavo_client/tavo_client.h"
+#include "client/tavo_client.h"
 #include "util/tavo_time.h"
 
 using namespace Tavo::Client;

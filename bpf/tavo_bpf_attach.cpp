@@ -17,13 +17,13 @@
 #include "bpf/tavo_bpf_syscall.h"
 #include "util/tavo_log.h"
 #include "util/tavo_properties.h"
+#include "util/tavo_service_contract.h"
 #include "util/tavo_strings.h"
 
 namespace Tavo::Bpf {
 
 namespace {
 
-constexpr const char* kKernelVersionProperty = "ro.kernel.version";
 constexpr const char* kProgPrefix = "prog_";
 constexpr const char* kEventSuffix = "_tavobpf";
 

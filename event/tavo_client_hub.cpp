@@ -8,6 +8,7 @@
 #include "ipc/ipc_package.h"
 
 #include "util/tavo_log.h"
+#include "util/tavo_service_contract.h"
 #include "util/tavo_strings.h"
 
 namespace Tavo::Bpf {
@@ -16,12 +17,6 @@ namespace {
 
 constexpr int kEpollSize = 10;
 constexpr int kEpollMaxEvents = 32;
-constexpr char kRegisterCommand[] = "register-event-monitor";      // 23 bytes with NUL
-constexpr char kUnregisterCommand[] = "unregister-event-monitor";  // 25 bytes with NUL
-constexpr long kCommandOffset = 4;
-constexpr long kEventTypeOffset = 40;
-// reqId, command text, further header words, then the 32-bit event type.
-constexpr long kRequestLength = kEventTypeOffset + 4;
 
 
 }  // namespace
@@ -117,13 +112,13 @@ int TavoClientHub::onEventProvideReqCallBack(int fd, char* data, long length, Bu
   int32_t result = -1;
   // A request too short for its event type is refused without reading on;
   // so is a code nobody can subscribe to.
-  if (data != nullptr && length >= kRequestLength) {
+  if (data != nullptr && length >= static_cast<long>(kRequestLength)) {
     int32_t eventType = 0;
-    memcpy(&eventType, data + kEventTypeOffset, sizeof(eventType));
-    const char* command = data + kCommandOffset;
-    if (memcmp(command, kRegisterCommand, sizeof(kRegisterCommand)) == 0) {
+    memcpy(&eventType, data + kRequestEventTypeOffset, sizeof(eventType));
+    const char* command = data + kRequestCommandOffset;
+    if (memcmp(command, kRegisterEventMonitor, sizeof(kRegisterEventMonitor)) == 0) {
       if (events_.AddObserverEvent(fd, eventType)) result = 0;
-    } else if (memcmp(command, kUnregisterCommand, sizeof(kUnregisterCommand)) == 0) {
+    } else if (memcmp(command, kUnregisterEventMonitor, sizeof(kUnregisterEventMonitor)) == 0) {
       if (events_.DelObserverEvent(fd, eventType)) result = 0;
     }
   }

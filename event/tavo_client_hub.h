@@ -14,11 +14,12 @@
 #include "ipc/ipc_package_handler.h"
 #include "ipc/ipc_queue_budget.h"
 #include "ipc/unix_ipc_manager.h"
+#include "util/tavo_service_contract.h"
 
 namespace Tavo::Bpf {
 
 struct TavoClientHubOptions {
-  std::string socketPath = "/mnt/bpfframework/tavobpfdispatcher";
+  std::string socketPath = kServiceSocketName;
   std::string threadName = "BpfServiceTr";
   int bufferSize = 32768;
   cpu_set_t cpus = DefaultCpus();

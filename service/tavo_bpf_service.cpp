@@ -13,14 +13,14 @@
 #include "include/tavo_bpf_service_main.h"
 #include "util/tavo_log.h"
 #include "util/tavo_properties.h"
+#include "util/tavo_service_contract.h"
 #include "util/tavo_time.h"
 
 namespace Tavo::Bpf {
 
 namespace {
 
-constexpr const char* kDisableProperty = "persist.sys.stability.bpfframework.disable";
-constexpr const char* TAVO_BPF_READY = "sys.tavo_bpf_ready";
+constexpr const char* TAVO_BPF_READY = kReadyProperty;
 
 void NameAndPinThread(const char* name, const char* affinityError) {
   prctl(PR_SET_NAME, name);
@@ -82,11 +82,11 @@ TavoBpfService::Parts::Parts(const TavoServiceOptions& options)
       dumps([this](int signo) {
         const std::string& dir = this->options.dumpDir;
         switch (signo) {
-          case 50: counters.DumpState(dir); break;
-          case 51: registry.DumpTavoTaskInfo(dir); break;
-          case 52: registry.DumpTavoTaskIgnoreKernelTaskInfo(dir); break;
-          case 53: registry.DumpTavoTaskInfoNormal(dir); break;
-          case 54: registry.DumpTavoTaskIgnoreKernelTaskInfoNormal(dir); break;
+          case kDumpSignalState: counters.DumpState(dir); break;
+          case kDumpSignalTasks: registry.DumpTavoTaskInfo(dir); break;
+          case kDumpSignalTasksNonKernel: registry.DumpTavoTaskIgnoreKernelTaskInfo(dir); break;
+          case kDumpSignalTasksShort: registry.DumpTavoTaskInfoNormal(dir); break;
+          case kDumpSignalTasksShortNonKernel: registry.DumpTavoTaskIgnoreKernelTaskInfoNormal(dir); break;
         }
       }) {
   using namespace std::placeholders;
@@ -114,10 +114,10 @@ TavoBpfService::Parts::Parts(const TavoServiceOptions& options)
 TavoServiceOptions TavoServiceOptions::FromProperties() {
   TavoServiceOptions options;
   uint64_t limit = 0;
-  if (android::base::ParseUint(GetServiceProperty("persist.sys.tavo_bpf.max_connections", ""), &limit) && limit > 0) {
+  if (android::base::ParseUint(GetServiceProperty(kMaxConnectionsProperty, ""), &limit) && limit > 0) {
     options.hub.maxConnections = static_cast<size_t>(limit);
   }
-  options.hub.allowedIds = GetServiceProperty("persist.sys.tavo_bpf.allowed_ids", "");
+  options.hub.allowedIds = GetServiceProperty(kAllowedIdsProperty, "");
   return options;
 }
 

@@ -23,7 +23,8 @@ class TavoDumpWorker {
   TavoDumpWorker(const TavoDumpWorker&) = delete;
   TavoDumpWorker& operator=(const TavoDumpWorker&) = delete;
 
-  // Starts the thread once and makes this worker the one the handlers feed.
+  // Starts the thread once. From then on the handlers feed every started
+  // worker of the process, so each service dumps into its own folder.
   void Start();
   // Installs the handlers of signals 50 to 54 with signal().
   static void InstallSignalHandlers();

@@ -12,13 +12,14 @@
 #include "event/tavo_client_hub.h"
 #include "task/tavo_bpf_task_manager.h"
 #include "task/tavo_proc_reader.h"
+#include "util/tavo_service_contract.h"
 
 namespace Tavo::Bpf {
 
 struct TavoServiceOptions {
   std::string pinDir = kBpfPinDir;
   std::string procRoot = TavoProcReader::kDefaultRoot;
-  std::string dumpDir = TavoTaskManager::TAVOTASK_DUMP_PATH;
+  std::string dumpDir = kDumpDir;
   TavoClientHubOptions hub;
   // Wait()'s supervision round; a pump that ended is relaunched at most
   // once per round, with the gap doubling up to 16 rounds.

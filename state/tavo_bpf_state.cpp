@@ -1,23 +1,17 @@
 #include "state/tavo_bpf_state.h"
 
 #include "util/tavo_dump_file.h"
+#include "util/tavo_event_names.h"
 #include "util/tavo_log.h"
+#include "util/tavo_service_contract.h"
 #include "util/tavo_strings.h"
 #include "util/tavo_time.h"
 
 namespace Tavo::Bpf {
 
-const char* const TavoBpfDataState::TAVOTASK_DUMP_PATH = "/data/tavolog/stability/tavobpfframework";
-const char* const TavoBpfDataState::TAVOTASK_DUMP_FILE = "bpfservice_state.csv";
-
-namespace {
-constexpr const char* kEventNames[] = {
-    "tavo_task_init",  "kmem_rss_info", "sched_task_create", "sched_task_exit",
-    "dmabuf_size_info", "cgroup_attach_cpuset_info", "fd_update_info", "dmabuf_setup",
-    "dmabuf_release", "dambuf_attach", "dmabuf_detach", "dmabuf_vmap",
-    "dmabuf_vunmap", "dmabuf_mmap", "dmabuf_munmap"};
-constexpr int kEventNameCount = sizeof(kEventNames) / sizeof(kEventNames[0]);
-}  // namespace
+const char* const TavoBpfDataState::TAVOTASK_DUMP_PATH = kDumpDir;
+const char* const TavoBpfDataState::TAVOTASK_DUMP_FILE = kStateDumpFile;
+const std::string TavoBpfDataState::TAVOTASK_DUMP_TEMPLATE = std::string(kDumpDir) + "/" + kStateDumpFile;
 
 TavoBpfDataState::TavoBpfDataState(Clock clock) : clock_(clock), lastTime_(clock()) {
   for (auto& slot : slots_) {
@@ -25,9 +19,7 @@ TavoBpfDataState::TavoBpfDataState(Clock clock) : clock_(clock), lastTime_(clock
   }
 }
 
-const char* TavoBpfDataState::EventName(int type) {
-  return type >= 0 && type < kEventNameCount ? kEventNames[type] : "UNKNOW";
-}
+const char* TavoBpfDataState::EventName(int type) { return RawEventName(type); }
 
 uint32_t TavoBpfDataState::getCounter(int64_t slot, int type) const {
   if (type < 0 || type >= kCounterCount || slot < 0) return 0;
@@ -62,8 +54,8 @@ std::string TavoBpfDataState::FormatState() const {
   const int64_t current = currentIndex_.load(std::memory_order_relaxed);
   const int64_t oldest = oldestIndex_.load(std::memory_order_relaxed);
   std::string out = "EventCount, ";
-  for (int i = 0; i < kEventNameCount; ++i) {
-    out += kEventNames[i];
+  for (int i = 0; i < kRawEventCount; ++i) {
+    out += RawEventName(i);
     out += ", ";
   }
   out += "PollCount, ";
@@ -74,7 +66,7 @@ std::string TavoBpfDataState::FormatState() const {
     int sum = 0;
     for (int k = 0; k < kCounterCount; ++k) {
       values[k] = slots_[slot % kSlotCount][k].load(std::memory_order_relaxed);
-      if (k < kEventNameCount) sum += static_cast<int>(values[k]);
+      if (k < kRawEventCount) sum += static_cast<int>(values[k]);
     }
     out += StringPrintf("%d, ", sum);
     for (uint32_t value : values) out += StringPrintf("%d, ", static_cast<int>(value));

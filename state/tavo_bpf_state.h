@@ -14,6 +14,7 @@ class TavoBpfDataState {
   static constexpr int kPollCounter = 15;
   static const char* const TAVOTASK_DUMP_PATH;
   static const char* const TAVOTASK_DUMP_FILE;  // the file's name inside the directory
+  static const std::string TAVOTASK_DUMP_TEMPLATE;  // the service's own file: directory and name
 
   using Clock = int64_t (*)();
 

@@ -7,12 +7,14 @@
 
 #include "util/tavo_dump_file.h"
 #include "util/tavo_log.h"
+#include "util/tavo_service_contract.h"
 #include "util/tavo_strings.h"
 
 namespace Tavo::Bpf {
 
-const char* const TavoTaskManager::TAVOTASK_DUMP_PATH = "/data/tavolog/stability/tavobpfframework";
-const char* const TavoTaskManager::TAVOTASK_DUMP_FILE = "DUMPTASK_INFO";
+const char* const TavoTaskManager::TAVOTASK_DUMP_PATH = kDumpDir;
+const char* const TavoTaskManager::TAVOTASK_DUMP_FILE = kTaskDumpFile;
+const std::string TavoTaskManager::TAVOTASK_DUMP_TEMPLATE = std::string(kDumpDir) + "/" + kTaskDumpFile;
 
 namespace {
 

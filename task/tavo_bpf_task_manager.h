@@ -40,6 +40,7 @@ class TavoTaskManager {
  public:
   static const char* const TAVOTASK_DUMP_PATH;
   static const char* const TAVOTASK_DUMP_FILE;  // name of the one dump file in it
+  static const std::string TAVOTASK_DUMP_TEMPLATE;  // the service's own file: directory and name
 
   int AddTavoTask(int pid, const TavoTask& task) EXCLUDES(lock_);
   // Registers the record only if the pid is absent; true when it did.
@@ -75,7 +76,7 @@ class TavoTaskManager {
   // A copy of every record, in no particular order.
   std::vector<TavoTask> Snapshot() EXCLUDES(lock_);
 
-  // The four dumps, written to <dir>/DUMPTASK_INFO. "IgnoreKernelTask"
+  // The four dumps, written to <dir>/TAVOTASK_DUMP_FILE. "IgnoreKernelTask"
   // leaves out rows without memory, "Normal" the last-reported columns.
   void DumpTavoTaskInfo(const std::string& dir) EXCLUDES(lock_);
   void DumpTavoTaskIgnoreKernelTaskInfo(const std::string& dir) EXCLUDES(lock_);

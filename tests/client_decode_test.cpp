@@ -6,11 +6,13 @@
 #include <vector>
 
 #include "bpf/tavo_bpf_records.h"
-#include "tools/tavo_client/tavo_event_decoder.h"
-#include "tools/tavo_client/tavo_event_format.h"
-#include "tools/tavo_client/tavo_event_names.h"
+#include "client/tavo_event_decoder.h"
+#include "client/tavo_event_format.h"
+#include "util/tavo_event_names.h"
 
 using namespace Tavo::Client;
+using Tavo::Bpf::EventName;
+using Tavo::Bpf::ResolveEventArgument;
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "tests/support/records.h"
 #include "tests/support/test_env.h"
 #include "tests/support/wait.h"
-#include "tools/tavo_client/tavo_client.h"
+#include "client/tavo_client.h"
 
 using namespace Tavo::Bpf;
 

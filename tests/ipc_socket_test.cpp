@@ -14,7 +14,7 @@
 
 #include "tests/support/ipc_endpoint.h"
 #include "tests/support/log_capture.h"
-#include "tools/tavo_client/tavo_client.h"
+#include "client/tavo_client.h"
 
 using tavo_test::Endpoint;
 using tavo_test::Frame;

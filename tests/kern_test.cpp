@@ -34,7 +34,7 @@
 #include "tests/support/pump_object.h"
 #include "tests/support/test_env.h"
 #include "tests/support/wait.h"
-#include "tools/tavo_client/tavo_client.h"
+#include "client/tavo_client.h"
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 #include "tools/tavo_vmcheck/tavo_spinning_pair.h"
 #include "util/tavo_time.h"

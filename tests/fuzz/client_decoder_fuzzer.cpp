@@ -7,8 +7,8 @@
 #include <variant>
 #include <vector>
 
-#include "tools/tavo_client/tavo_event_decoder.h"
-#include "tools/tavo_client/tavo_event_format.h"
+#include "client/tavo_event_decoder.h"
+#include "client/tavo_event_format.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // An exact copy, so any read past the end lands outside the block.

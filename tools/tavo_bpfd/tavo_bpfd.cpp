@@ -22,6 +22,7 @@
 #include "tavo_bpf_service_main.h"
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 #include "util/tavo_log.h"
+#include "util/tavo_service_contract.h"
 
 namespace {
 
@@ -82,13 +83,13 @@ int main(int argc, char** argv) {
     Tavo::Loader::RemovePins(report.pins, options.pinDir);
     return 1;
   }
-  if (android::base::GetProperty("ro.kernel.version", "").empty()) {
+  if (android::base::GetProperty(Tavo::Bpf::kKernelVersionProperty, "").empty()) {
     utsname uts{};
-    if (uname(&uts) == 0) android::base::SetProperty("ro.kernel.version", uts.release);
+    if (uname(&uts) == 0) android::base::SetProperty(Tavo::Bpf::kKernelVersionProperty, uts.release);
   }
-  android::base::SetProperty("sys.tavo_bpf_ready", "1");
+  android::base::SetProperty(Tavo::Bpf::kReadyProperty, "1");
   TAVO_LOGI(kTag, "[tavo_bpfd] kernel %s, %zu pins, %zu programs skipped",
-            android::base::GetProperty("ro.kernel.version", "").c_str(), report.pins.size(),
+            android::base::GetProperty(Tavo::Bpf::kKernelVersionProperty, "").c_str(), report.pins.size(),
             report.skipped.size());
 
   if (Tavo::Bpf::BpfServiceMain() == 0) {

@@ -14,15 +14,16 @@
 
 #include "tools/tavo_cli/tavoctl_commands.h"
 #include "tools/tavo_cli/tavoctl_service_finder.h"
-#include "tools/tavo_client/tavo_client.h"
+#include "client/tavo_client.h"
+#include "util/tavo_service_contract.h"
 
 namespace Tavo::Cli {
 
 namespace {
 
-constexpr const char* kDumpDir = "/data/tavolog/stability/tavobpfframework";
-constexpr const char* kTaskDump = "DUMPTASK_INFO";
-constexpr const char* kCounterDump = "bpfservice_state.csv";
+using Tavo::Bpf::kDumpDir;
+constexpr const char* kTaskDump = Tavo::Bpf::kTaskDumpFile;
+constexpr const char* kCounterDump = Tavo::Bpf::kStateDumpFile;
 constexpr long kPollMs = 20;
 
 struct DumpKind {
@@ -32,11 +33,11 @@ struct DumpKind {
 };
 
 const DumpKind kKinds[] = {
-    {"tasks", 51, kTaskDump},
-    {"tasks-nonkernel", 52, kTaskDump},
-    {"tasks-short", 53, kTaskDump},
-    {"tasks-short-nonkernel", 54, kTaskDump},
-    {"counters", 50, kCounterDump},
+    {"tasks", Tavo::Bpf::kDumpSignalTasks, kTaskDump},
+    {"tasks-nonkernel", Tavo::Bpf::kDumpSignalTasksNonKernel, kTaskDump},
+    {"tasks-short", Tavo::Bpf::kDumpSignalTasksShort, kTaskDump},
+    {"tasks-short-nonkernel", Tavo::Bpf::kDumpSignalTasksShortNonKernel, kTaskDump},
+    {"counters", Tavo::Bpf::kDumpSignalState, kCounterDump},
 };
 
 struct FileStamp {

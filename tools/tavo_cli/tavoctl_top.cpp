@@ -22,7 +22,7 @@
 #include "tools/tavo_cli/tavoctl_top_model.h"
 #include "tools/tavo_cli/tavoctl_top_proc.h"
 #include "tools/tavo_cli/tavoctl_top_screen.h"
-#include "tools/tavo_client/tavo_client.h"
+#include "client/tavo_client.h"
 
 namespace Tavo::Cli {
 

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <array>
 
-#include "tools/tavo_client/tavo_client.h"
-#include "tools/tavo_client/tavo_event_format.h"
+#include "client/tavo_client.h"
+#include "client/tavo_event_format.h"
 
 namespace Tavo::Cli {
 

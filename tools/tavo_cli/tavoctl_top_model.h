@@ -12,7 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "tools/tavo_client/tavo_event_decoder.h"
+#include "client/tavo_event_decoder.h"
 
 namespace Tavo::Cli {
 

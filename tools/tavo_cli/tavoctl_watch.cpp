@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "tools/tavo_cli/tavoctl_commands.h"
-#include "tools/tavo_client/tavo_client.h"
-#include "tools/tavo_client/tavo_event_format.h"
-#include "tools/tavo_client/tavo_event_names.h"
+#include "client/tavo_client.h"
+#include "client/tavo_event_format.h"
+#include "util/tavo_event_names.h"
 
 namespace Tavo::Cli {
 
@@ -33,6 +33,18 @@ bool StopRequested(const sigset_t& stopSignals, long ms) {
 }  // namespace
 
 void PrintWatchHelp(bool toStderr) {
+  // The raw type names, from the one table, wrapped at about 76 columns.
+  std::string rawNames;
+  size_t column = 28;
+  for (int type = 0; type < Tavo::Bpf::kRawEventCount; ++type) {
+    const std::string name = Tavo::Bpf::RawEventName(type);
+    if (column + 1 + name.size() > 76) {
+      rawNames += "\n ";
+      column = 1;
+    }
+    rawNames += " " + name;
+    column += 1 + name.size();
+  }
   fprintf(toStderr ? stderr : stdout,
           "usage: tavoctl watch [--json] [--wait] [--socket NAME] [EVENT...]\n"
           "\n"
@@ -42,10 +54,7 @@ void PrintWatchHelp(bool toStderr) {
           "EVENT is a code or a name:\n"
           "  start (50001)  end (50002)  threads (50003)  memory (50004)  dmabuf (50005)\n"
           "  fork (2)  exit (3)  rss (1)\n"
-          "  the raw type names 0..14: tavo_task_init kmem_rss_info sched_task_create\n"
-          "  sched_task_exit dmabuf_size_info cgroup_attach_cpuset_info fd_update_info\n"
-          "  dmabuf_setup dmabuf_release dambuf_attach dmabuf_detach dmabuf_vmap\n"
-          "  dmabuf_vunmap dmabuf_mmap dmabuf_munmap\n"
+          "  the raw type names 0..14:%s\n"
           "  notices (all 5000x), raw (0..14), all\n"
           "\n"
           "Options:\n"
@@ -55,7 +64,7 @@ void PrintWatchHelp(bool toStderr) {
           "\n"
           "Exit status: 0 after an interrupt, 1 when the service is not running or\n"
           "refuses a subscription, 2 for bad arguments.\n",
-          Tavo::Client::kServiceSocket);
+          rawNames.c_str(), Tavo::Client::kServiceSocket);
 }
 
 int WatchCommand(int argc, char** argv) {
@@ -74,13 +83,13 @@ int WatchCommand(int argc, char** argv) {
       wait = true;
     } else if (arg == "--socket" && i + 1 < argc) {
       options.socketPath = argv[++i];
-    } else if (!Tavo::Client::ResolveEventArgument(arg, &codes)) {
+    } else if (!Tavo::Bpf::ResolveEventArgument(arg, &codes)) {
       fprintf(stderr, "tavoctl: unknown event '%s'\n", arg.c_str());
       PrintWatchHelp(true);
       return 2;
     }
   }
-  if (codes.empty()) Tavo::Client::ResolveEventArgument("notices", &codes);
+  if (codes.empty()) Tavo::Bpf::ResolveEventArgument("notices", &codes);
   std::vector<uint32_t> unique;
   for (uint32_t code : codes) {
     bool seen = false;
@@ -130,7 +139,7 @@ int WatchCommand(int argc, char** argv) {
   for (uint32_t code : unique) {
     if (client.Subscribe(code) != 0) {
       fprintf(stderr, "tavoctl: subscribing to %s failed: %s\n",
-              Tavo::Client::EventName(code).c_str(), strerror(errno));
+              Tavo::Bpf::EventName(code).c_str(), strerror(errno));
       return 1;
     }
   }

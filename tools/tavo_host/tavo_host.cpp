@@ -11,6 +11,7 @@
 #include <string>
 
 #include "tavo_bpf_service_main.h"
+#include "util/tavo_service_contract.h"
 
 namespace {
 volatile sig_atomic_t gStop = 0;
@@ -33,9 +34,9 @@ int main(int argc, char** argv) {
     }
   }
   // Nobody sets the kernel version on a host; the version rules need it.
-  if (android::base::GetProperty("ro.kernel.version", "").empty()) {
+  if (android::base::GetProperty(Tavo::Bpf::kKernelVersionProperty, "").empty()) {
     utsname uts{};
-    if (uname(&uts) == 0) android::base::SetProperty("ro.kernel.version", uts.release);
+    if (uname(&uts) == 0) android::base::SetProperty(Tavo::Bpf::kKernelVersionProperty, uts.release);
   }
   if (Tavo::Bpf::BpfServiceMain() == 0) return 0;
   signal(SIGINT, OnSignal);

@@ -49,8 +49,9 @@
 #include "bpf/tavo_bpf_map.h"
 #include "bpf/tavo_bpf_pins.h"
 #include "bpf/tavo_bpf_records.h"
-#include "tools/tavo_client/tavo_client.h"
+#include "client/tavo_client.h"
 #include "tools/tavo_vmcheck/tavo_spinning_pair.h"
+#include "util/tavo_service_contract.h"
 
 using android::base::StringPrintf;
 using android::base::unique_fd;
@@ -575,7 +576,7 @@ int main(int argc, char** argv) {
   // the daemon reads its own.
   utsname uts{};
   uname(&uts);
-  android::base::SetProperty("ro.kernel.version", uts.release);
+  android::base::SetProperty(Tavo::Bpf::kKernelVersionProperty, uts.release);
 
   Result result;
   const pid_t daemon = StartDaemon(bpfd, log);

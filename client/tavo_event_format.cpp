@@ -1,4 +1,4 @@
-#include "tools/tavo_client/tavo_event_format.h"
+#include "client/tavo_event_format.h"
 
 #include <sys/time.h>
 #include <time.h>
@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "tools/tavo_client/tavo_event_names.h"
+#include "util/tavo_event_names.h"
 
 namespace Tavo::Client {
 
@@ -105,7 +105,7 @@ Line Describe(const Event& event, const std::string& clock) {
           if (e.reason == DecodeError::Reason::kTooShort) line.unum("expected", e.expected);
           return line;
         } else {
-          Line line(clock, EventName(code), code);
+          Line line(clock, Tavo::Bpf::EventName(code), code);
           if constexpr (std::is_same_v<T, TaskInitRecord>) {
             line.num("pid", e.pid).num("ppid", e.ppid).unum("uid", e.uid).str("comm", e.comm)
                 .unum("threads", e.threadNum).num("file", e.rssFile).num("anon", e.rssAnon)

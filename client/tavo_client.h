@@ -19,15 +19,16 @@
 
 #include "ipc/ipc_package_manager.h"
 #include "ipc/ipc_req_callback_manager.h"
-#include "tools/tavo_client/tavo_event_decoder.h"
+#include "client/tavo_event_decoder.h"
 #include "util/tavo_mutex.h"
+#include "util/tavo_service_contract.h"
 
 class UnixIpcManager;
 struct BufferState;
 
 namespace Tavo::Client {
 
-inline constexpr const char* kServiceSocket = "/mnt/bpfframework/tavobpfdispatcher";
+inline constexpr const char* kServiceSocket = Tavo::Bpf::kServiceSocketName;
 
 class TavoClient {
  public:

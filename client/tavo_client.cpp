@@ -1,4 +1,4 @@
-#include "tools/tavo_client/tavo_client.h"
+#include "client/tavo_client.h"
 
 #include <sched.h>
 #include <stddef.h>
@@ -20,17 +20,17 @@
 #include "ipc/ipc_frame.h"
 #include "ipc/ipc_package.h"
 #include "ipc/unix_ipc_manager.h"
+#include "util/tavo_service_contract.h"
 
 namespace Tavo::Client {
 
 namespace {
 
-constexpr const char* kRegister = "register-event-monitor";
-constexpr const char* kUnregister = "unregister-event-monitor";
-constexpr size_t kCommandOffset = 4;
-constexpr size_t kCommandWidth = 28;
-// The compact response record: reqId, result, data length.
-constexpr uint32_t kResponseRecord = 12;
+using Tavo::Bpf::kRegisterEventMonitor;
+using Tavo::Bpf::kReplyRecordLength;
+using Tavo::Bpf::kRequestCommandOffset;
+using Tavo::Bpf::kRequestCommandWidth;
+using Tavo::Bpf::kUnregisterEventMonitor;
 
 // One plain connect to the abstract socket, to tell "not running" at once
 // (the socket layer's own connect retries for ever).
@@ -125,7 +125,7 @@ void TavoClient::Close() {
 }
 
 int TavoClient::Subscribe(uint32_t code) {
-  const int result = request(kRegister, code);
+  const int result = request(kRegisterEventMonitor, code);
   if (result == 0) {
     Tavo::MutexLock guard(subscriptionLock_);
     subscriptions_.insert(code);
@@ -138,13 +138,13 @@ int TavoClient::Unsubscribe(uint32_t code) {
     Tavo::MutexLock guard(subscriptionLock_);
     subscriptions_.erase(code);
   }
-  return request(kUnregister, code);
+  return request(kUnregisterEventMonitor, code);
 }
 
 bool TavoClient::queueRequest(const char* command, uint32_t code, uint32_t reqId) {
   TavoReqIpcPackage req{};
   memcpy(req.header, &reqId, sizeof(reqId));
-  strncpy(req.header + kCommandOffset, command, kCommandWidth - 1);
+  strncpy(req.header + kRequestCommandOffset, command, kRequestCommandWidth - 1);
   req.dataLength = sizeof(code);
   req.data = reinterpret_cast<char*>(&code);
   return outgoing_.appendReqIpcPackage(&req);
@@ -212,7 +212,7 @@ void TavoClient::onConnected(UnixIpcManager* manager, int fd) {
     for (uint32_t code : subscriptions_) {
       const uint32_t reqId = requests_.getReqId();
       requests_.addIpcReqCallBack(reqId, IpcReqCallBack());  // answer consumed unseen
-      if (!queueRequest(kRegister, code, reqId)) requests_.delIpcReq(reqId);
+      if (!queueRequest(kRegisterEventMonitor, code, reqId)) requests_.delIpcReq(reqId);
     }
   }
   if (onConnection_) onConnection_(true);
@@ -236,7 +236,7 @@ int TavoClient::onReadable(int, BufferState* receive, BufferState*) {
     IpcCommand command;
     // A package claiming more than its frame holds is skipped, not read.
     if (!ParseIpcCommand(frame, &command) || !command.dataFits()) return true;
-    if (command.code == IPC_COMMAND_RESPONSE && command.dataLength >= kResponseRecord) {
+    if (command.code == IPC_COMMAND_RESPONSE && command.dataLength >= kReplyRecordLength) {
       TavoRespIpcPackage response{};
       memcpy(&response.reqId, command.data, 4);
       memcpy(&response.result, command.data + 4, 4);

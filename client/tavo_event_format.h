@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "tools/tavo_client/tavo_event_decoder.h"
+#include "client/tavo_event_decoder.h"
 
 namespace Tavo::Client {
 

@@ -1,4 +1,4 @@
-#include "tools/tavo_client/tavo_event_decoder.h"
+#include "client/tavo_event_decoder.h"
 
 #include <cstring>
 
