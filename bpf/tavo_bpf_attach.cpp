@@ -92,8 +92,15 @@ int convertVersionToInt(const std::string& version) {
   return static_cast<int>(number);
 }
 
+int KernelVersionFromProperty() {
+  return convertVersionToInt(GetServiceProperty(kKernelVersionProperty, "0.0"));
+}
+
 bool CheckBpfCompatibility(const std::string& kernelCompat) {
-  const int kernel = convertVersionToInt(GetServiceProperty(kKernelVersionProperty, "0.0"));
+  return CheckBpfCompatibility(kernelCompat, KernelVersionFromProperty());
+}
+
+bool CheckBpfCompatibility(const std::string& kernelCompat, int kernel) {
   if (kernelCompat.empty()) return kernel == convertVersionToInt(kernelCompat);
   const char last = kernelCompat.back();
   const std::string head = kernelCompat.substr(0, kernelCompat.size() - 1);
@@ -209,47 +216,68 @@ int AttachKProbeProgram(const std::string& dir, const std::string& objName, cons
 }
 
 int AttachAllTavoBpfProgram(const std::string& dir, const BpfAttachTable& table, BpfAttachments* attached) {
+  return AttachAllTavoBpfProgram(dir, table, KernelVersionFromProperty(), attached, nullptr);
+}
+
+int AttachAllTavoBpfProgram(const std::string& dir, const BpfAttachTable& table, int kernelVersion,
+                            BpfAttachments* attached, BpfAttachReport* report) {
   if (table.empty()) return 0;
   int failures = 0;
   for (const auto& [object, byType] : table) {
     for (const auto& [type, rows] : byType) {
       for (const BpfAttachRow& row : rows) {
+        BpfAttachResult result;
+        result.object = object;
+        result.type = type;
         if (row.size() != 4) {
           TAVO_LOGE(kUtilsTag, "Error format!: %s", object.c_str());
+          if (report != nullptr) report->push_back(result);
           continue;
         }
-        if (!CheckBpfCompatibility(row[3])) {
+        result.progName = row[0];
+        result.hook = row[1];
+        result.rule = row[3];
+        auto note = [&](BpfAttachVerdict verdict) {
+          result.verdict = verdict;
+          result.error = verdict == BpfAttachVerdict::kFailed ? errno : 0;
+          if (report != nullptr) report->push_back(result);
+        };
+        if (!CheckBpfCompatibility(row[3], kernelVersion)) {
           TAVO_LOGW(kUtilsTag, "Skip bpf prog: %s, progName: %s, kernelCompat: %s", object.c_str(),
                     row[0].c_str(), row[3].c_str());
+          note(BpfAttachVerdict::kSkipped);
           continue;
         }
         TAVO_LOGI(kUtilsTag, "Attach bpf prog start: %s, progName: %s", object.c_str(), row[0].c_str());
+        int fd;
         switch (type) {
           case kAttachTracepoint:
-            if (Keep(AttachTracepointProgram(dir, object, row[0], row[1], row[2]), attached) == -1) {
-              TAVO_LOGE(kUtilsTag, "Attach tracepoint prog failed: %s, type: %s, msg: %s", object.c_str(),
-                        row[0].c_str(), strerror(errno));
-              ++failures;
-            }
+            fd = Keep(AttachTracepointProgram(dir, object, row[0], row[1], row[2]), attached);
             break;
           case kAttachKprobe:
-            if (Keep(AttachKProbeProgram(dir, object, row[0], row[1], true), attached) == -1) {
-              TAVO_LOGE(kUtilsTag, "Attach kprobe prog failed: %s, progname: %s, msg: %s", object.c_str(),
-                        row[0].c_str(), strerror(errno));
-              ++failures;
-            }
-            break;
           case kAttachKretprobe:
-            if (Keep(AttachKProbeProgram(dir, object, row[0], row[1], false), attached) == -1) {
-              TAVO_LOGE(kUtilsTag, "Attach kretprobe prog failed: %s, progname: %s, msg: %s", object.c_str(),
-                        row[0].c_str(), strerror(errno));
-              ++failures;
-            }
+            fd = Keep(AttachKProbeProgram(dir, object, row[0], row[1], type == kAttachKprobe), attached);
             break;
           default:
             TAVO_LOGE(kUtilsTag, "(UNKNOW TYPE) attach prog failed: %s, type: %s", object.c_str(),
                       row[0].c_str());
-            break;
+            note(BpfAttachVerdict::kBad);
+            continue;
+        }
+        if (fd != -1) {
+          note(BpfAttachVerdict::kAttached);
+          continue;
+        }
+        const int err = errno;
+        note(BpfAttachVerdict::kFailed);
+        ++failures;
+        // "progname" in the probe failures, "type" for tracepoints: kept as they are.
+        if (type == kAttachTracepoint) {
+          TAVO_LOGE(kUtilsTag, "Attach tracepoint prog failed: %s, type: %s, msg: %s", object.c_str(),
+                    row[0].c_str(), strerror(err));
+        } else {
+          TAVO_LOGE(kUtilsTag, "Attach %s prog failed: %s, progname: %s, msg: %s", AttachTypeWord(type),
+                    object.c_str(), row[0].c_str(), strerror(err));
         }
       }
     }

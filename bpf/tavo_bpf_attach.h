@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "bpf/tavo_bpf_attach_report.h"
+
 namespace Tavo::Bpf {
 
 // Program type codes of an attach table.
@@ -27,8 +29,13 @@ using BpfAttachTable = std::map<std::string, std::map<int, std::vector<BpfAttach
 using BpfAttachments = std::vector<android::base::unique_fd>;
 
 int convertVersionToInt(const std::string& version);
-// Whether the kernel in "ro.kernel.version" satisfies a rule: "5.0+",
-// "6.6-", "6.1-6.6" or a bare "6.1".
+// convertVersionToInt of "ro.kernel.version" ("0.0" when unset): what the
+// entry points read; everything below takes the version as a value.
+int KernelVersionFromProperty();
+// Whether a kernel of that version satisfies a rule: "5.0+", "6.6-",
+// "6.1-6.6" or a bare "6.1".
+bool CheckBpfCompatibility(const std::string& kernelCompat, int kernelVersion);
+// The same for the kernel in "ro.kernel.version".
 bool CheckBpfCompatibility(const std::string& kernelCompat);
 bool IsBpfProg(std::string& name);
 // A read-only descriptor of a pinned program (the caller owns it), or -1.
@@ -43,8 +50,12 @@ int AttachTracepointProgram(const std::string& dir, const std::string& objName, 
 int AttachKProbeProgram(const std::string& dir, const std::string& objName, const std::string& progName,
                         const std::string& functionName, bool isEntry);
 int AttachKProbeProgram(const std::string& dir, const std::string& objName, const std::string& progName);
-// Attaches every row the running kernel allows; returns how many failed.
-// The attachments go into `attached`, which keeps them alive.
+// Attaches every row a kernel of kernelVersion allows; returns how many
+// failed. The attachments go into `attached`, which keeps them alive; what
+// became of each row is appended to `report` (may be null).
+int AttachAllTavoBpfProgram(const std::string& dir, const BpfAttachTable& table, int kernelVersion,
+                            BpfAttachments* attached, BpfAttachReport* report);
+// The same for the kernel in "ro.kernel.version", without a report.
 int AttachAllTavoBpfProgram(const std::string& dir, const BpfAttachTable& table, BpfAttachments* attached);
 // Every "prog_<object>_<type>_<name>" pin of dir (tracepoints and kprobes).
 int AttachAllTavoBpfProgram(const std::string& dir, BpfAttachments* attached);

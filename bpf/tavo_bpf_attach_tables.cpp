@@ -1,6 +1,8 @@
 // Which pinned programs each object attaches, to which hook, on which kernels.
 #include "bpf/tavo_bpf_attach_tables.h"
 
+#include <algorithm>
+
 #include "bpf/tavo_bpf_pins.h"
 
 namespace Tavo::Bpf {
@@ -52,5 +54,26 @@ const BpfAttachTable PROG_GPL_EVENT_MAP = {
           }},
      }},
 };
+
+int AttachRowsVersion(int kernelVersion, const std::string& dmabufRows) {
+  if (dmabufRows.empty()) return kernelVersion;
+  // The lines the tables name by themselves ("6.1", "6.6"): bare rules.
+  int newest = 0;
+  bool named = false;
+  const int wanted = convertVersionToInt(dmabufRows);
+  for (const BpfAttachTable* table : {&PROG_EVENT_MAP, &PROG_GPL_EVENT_MAP}) {
+    for (const auto& [object, byType] : *table) {
+      for (const auto& [type, rows] : byType) {
+        for (const BpfAttachRow& row : rows) {
+          if (row.size() != 4 || row[3].empty() || row[3].find_first_of("+-") != std::string::npos) continue;
+          const int line = convertVersionToInt(row[3]);
+          newest = std::max(newest, line);
+          named |= line == wanted;
+        }
+      }
+    }
+  }
+  return named && kernelVersion > newest ? wanted : kernelVersion;
+}
 
 }  // namespace Tavo::Bpf

@@ -8,4 +8,10 @@ namespace Tavo::Bpf {
 extern const BpfAttachTable PROG_EVENT_MAP;      // TavoBpfDefineset
 extern const BpfAttachTable PROG_GPL_EVENT_MAP;  // TavoBpfGplDefineset
 
+// The version the rows are chosen by. By default the kernel's own. A kernel
+// newer than the newest line the tables name for a row of its own (6.6)
+// takes the rows of the line in dmabufRows instead, when that names one of
+// the tables' lines ("6.6"): its dma-buf rows then attach instead of none.
+int AttachRowsVersion(int kernelVersion, const std::string& dmabufRows);
+
 }  // namespace Tavo::Bpf

@@ -10,6 +10,9 @@ namespace Tavo::Bpf {
 // Directory of every pin; the trailing slash is part of the name the
 // service reaches pins by ("/sys/fs/bpf/tavo//prog_..." for programs).
 inline constexpr const char* kBpfPinDir = "/sys/fs/bpf/tavo/";
+// Where bpffs and tracefs are mounted (attaching tracepoints needs tracefs).
+inline constexpr const char* kBpfFsDir = "/sys/fs/bpf";
+inline constexpr const char* kTracefsDir = "/sys/kernel/tracing";
 inline constexpr const char* kNormalObject = "TavoBpfDefineset";
 inline constexpr const char* kGplObject = "TavoBpfGplDefineset";
 

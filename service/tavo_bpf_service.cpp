@@ -30,8 +30,9 @@ void NameAndPinThread(const char* name, const char* affinityError) {
   }
 }
 
-TavoRingPumpConfig PumpConfig(const TavoServiceOptions& options, int ring) {
+TavoRingPumpConfig PumpConfig(const TavoServiceOptions& options, int ring, std::atomic<bool>* noTracepointSaid) {
   TavoRingPumpConfig config;
+  config.noTracepointSaid = noTracepointSaid;
   config.index = ring;
   config.pinDir = options.pinDir;
   if (ring == kNormalRing) {
@@ -77,8 +78,10 @@ TavoBpfService::Parts::Parts(const TavoServiceOptions& options)
       }),
       dmabuf(registry, reader,
              [this](const void* notice, size_t size) { hub.AppendEvent(static_cast<const char*>(notice), size); }),
-      pumps{{PumpConfig(options, kNormalRing), &TavoEventDispatcher::handleBpfRingBuffEvent, &dispatcher, counters},
-            {PumpConfig(options, kGplRing), &TavoEventDispatcher::handleBpfRingBuffEvent, &dispatcher, counters}},
+      pumps{{PumpConfig(options, kNormalRing, &noTracepointSaid), &TavoEventDispatcher::handleBpfRingBuffEvent,
+             &dispatcher, counters},
+            {PumpConfig(options, kGplRing, &noTracepointSaid), &TavoEventDispatcher::handleBpfRingBuffEvent,
+             &dispatcher, counters}},
       dumps([this](int signo) {
         const std::string& dir = this->options.dumpDir;
         switch (signo) {
@@ -218,11 +221,19 @@ int TavoBpfService::eventProduceThread() {
     TAVO_LOGE(kServiceTag, "[TavoBpfService][eventProduceThread] Init base time failed! errMsg: %s",
               strerror(errno));
   }
+  const std::string release = GetServiceProperty(kKernelVersionProperty, "0.0");
+  const std::string dmabufRows = GetServiceProperty(kDmabufRowsProperty, "");
+  const int kernel = convertVersionToInt(release);
+  p.rowsVersion = AttachRowsVersion(kernel, dmabufRows);
+  if (p.rowsVersion != kernel) {
+    TAVO_LOGI(kServiceTag, "[TavoBpfService] kernel %s is newer than every line of the attach tables: rows of %s (%s)",
+              release.c_str(), dmabufRows.c_str(), kDmabufRowsProperty);
+  }
   p.ready = true;
   p.gplThread.Launch([this] { gpleventProduceThread(); }, p.options.supervisionPeriod);
 
   TavoRingPump& pump = p.pumps[kNormalRing];
-  const int result = pump.Attach();
+  const int result = pump.Attach(p.rowsVersion);
   if (result != 0) {
     TAVO_LOGE(kServiceTag, "[TavoBpfService][eventProduceThread] Attach all tavo bpf error: %d", result);
   }
@@ -243,7 +254,7 @@ int TavoBpfService::gpleventProduceThread() {
   Parts& p = *parts_;
   NameAndPinThread("BpfServicePGpl", "[TavoBpfService][gpleventProduceThread] set thread affinity failed. %s");
   TavoRingPump& pump = p.pumps[kGplRing];
-  const int result = pump.Attach();
+  const int result = pump.Attach(p.rowsVersion);
   if (result != 0) {
     TAVO_LOGE(kServiceTag, "[TavoBpfService][gpleventProduceThread] Attach all tavo bpf error: %d", result);
   }

@@ -47,6 +47,10 @@ struct TavoBpfService::Parts {
   std::condition_variable_any wake;
   std::atomic<bool> running{false};
   std::atomic<bool> ready{false};  // "sys.tavo_bpf_ready" was seen
+  // The kernel version the attach rows are chosen by, read once at
+  // readiness ("ro.kernel.version", "persist.sys.tavo_bpf.dmabuf_rows").
+  std::atomic<int> rowsVersion{0};
+  std::atomic<bool> noTracepointSaid{false};
 };
 
 }  // namespace Tavo::Bpf

@@ -78,10 +78,37 @@ TavoRingPump::TavoRingPump(TavoRingPumpConfig config, ring_buffer_sample_fn call
 
 TavoRingPump::~TavoRingPump() = default;
 
-int TavoRingPump::Attach() {
+int TavoRingPump::Attach(int kernelVersion) {
   attachments_.clear();
-  if (config_.table == nullptr) return 0;
-  return AttachAllTavoBpfProgram(config_.pinDir, *config_.table, &attachments_);
+  BpfAttachReport report;
+  const int failures = config_.table == nullptr ? 0
+      : AttachAllTavoBpfProgram(config_.pinDir, *config_.table, kernelVersion, &attachments_, &report);
+  // Without any tracepoint the object produces nothing at all; say why once.
+  int tracepoints = 0, attached = 0, firstError = 0;
+  for (const BpfAttachResult& row : report) {
+    if (row.type != kAttachTracepoint || row.verdict == BpfAttachVerdict::kSkipped) continue;
+    ++tracepoints;
+    attached += row.verdict == BpfAttachVerdict::kAttached;
+    if (firstError == 0) firstError = row.error;
+  }
+  if (tracepoints > 0 && attached == 0 &&
+      (config_.noTracepointSaid == nullptr || !config_.noTracepointSaid->exchange(true))) {
+    const std::string events = std::string(kTracefsDir) + "/events";
+    TAVO_LOGE(kServiceTag, "[TavoBpfService] no tracepoint attached: %s",
+              access(events.c_str(), F_OK) != 0 ? ("tracefs is not mounted at " + std::string(kTracefsDir)).c_str()
+                                                : strerror(firstError));
+  }
+  MutexLock guard(lock_);
+  attachedOnce_ = true;
+  attachReport_ = std::move(report);
+  return failures;
+}
+
+bool TavoRingPump::AttachReport(BpfAttachReport* report) {
+  MutexLock guard(lock_);
+  if (!attachedOnce_) return false;
+  *report = attachReport_;
+  return true;
 }
 
 void TavoRingPump::Detach() { attachments_.clear(); }

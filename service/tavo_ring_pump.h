@@ -31,6 +31,8 @@ struct TavoRingPumpConfig {
   std::string logPrefix;                     // "[TavoBpfService][eventMonitor]"
   std::string stopMessage;                   // logged when a stop ends the pump
   int failureWaitMs = 1000;                  // pause after a failed poll
+  // Shared by a service's pumps: whether "no tracepoint attached" was said.
+  std::atomic<bool>* noTracepointSaid = nullptr;
 };
 
 class TavoRingPump {
@@ -49,9 +51,11 @@ class TavoRingPump {
   TavoRingPump(const TavoRingPump&) = delete;
   TavoRingPump& operator=(const TavoRingPump&) = delete;
 
-  // Attaches the object's programs (dropping earlier attachments first);
-  // returns the number of rows that failed.
-  int Attach();
+  // Attaches the object's programs (dropping earlier attachments first),
+  // choosing rows by kernelVersion; returns the number of rows that failed.
+  int Attach(int kernelVersion) EXCLUDES(lock_);
+  // What the last Attach() did, row by row; false before the first one.
+  bool AttachReport(BpfAttachReport* report) EXCLUDES(lock_);
   // Closes the attachments: the programs stop producing into the ring.
   void Detach();
   // Runs on the calling thread until Stop(): 0 after a stop, -1 when the
@@ -85,6 +89,8 @@ class TavoRingPump {
 
   Mutex lock_;
   StatusMap status_ GUARDED_BY(lock_);
+  bool attachedOnce_ GUARDED_BY(lock_) = false;
+  BpfAttachReport attachReport_ GUARDED_BY(lock_);
   int64_t lastStatusCheck_ GUARDED_BY(lock_) = 0;
 };
 

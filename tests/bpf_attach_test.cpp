@@ -1,11 +1,12 @@
-// Which rows apply to which kernel, and how a row that cannot attach is told.
-// (Attaching for real is covered by pump_test and kern_test.)
+// Which rows apply to which kernel, and what becomes of a row that cannot
+// attach. (Attaching for real is covered by pump_test and kern_test.)
 #include <gtest/gtest.h>
 
 #include "bpf/tavo_bpf_attach.h"
 #include "bpf/tavo_bpf_attach_tables.h"
 #include "tests/support/log_capture.h"
 #include "util/tavo_properties.h"
+#include "util/tavo_service_contract.h"
 
 using namespace Tavo::Bpf;
 
@@ -25,13 +26,29 @@ TEST(AttachRules, KernelVersionsAgainstRules) {
       {"0.0", "5.0+", false},
   };
   for (const auto& c : cases) {
-    SetServiceProperty("ro.kernel.version", c.kernel);
-    EXPECT_EQ(CheckBpfCompatibility(c.rule), c.applies) << c.kernel << " " << c.rule;
+    EXPECT_EQ(CheckBpfCompatibility(c.rule, convertVersionToInt(c.kernel)), c.applies) << c.kernel << " " << c.rule;
+  }
+  // The entry point's form reads the property.
+  SetServiceProperty(kKernelVersionProperty, "6.6.0");
+  EXPECT_TRUE(CheckBpfCompatibility("6.6"));
+  EXPECT_FALSE(CheckBpfCompatibility("6.1"));
+}
+
+TEST(AttachRules, NewerKernelsTakeTheNamedLineOnlyWhenAskedAndOnlyPastTheTables) {
+  const struct {
+    const char* kernel;
+    const char* dmabufRows;
+    int rows;
+  } cases[] = {
+      {"6.12.9", "", 6012}, {"6.12.9", "6.6", 6006}, {"6.12.9", "6.1", 6001}, {"6.12.9", "6.3", 6012},
+      {"6.6.0", "6.1", 6006}, {"6.1.0", "6.6", 6001}, {"5.10.0", "6.6", 5010}, {"6.12.9", "junk", 6012},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(AttachRowsVersion(convertVersionToInt(c.kernel), c.dmabufRows), c.rows) << c.kernel << " " << c.dmabufRows;
   }
 }
 
-TEST(AttachRules, BadRowsMissingPinsAndRowsOfOtherKernels) {
-  SetServiceProperty("ro.kernel.version", "5.10.0");
+TEST(AttachRules, EveryRowIsReportedAndMissingPinsAreLogged) {
   const BpfAttachTable table = {{"TavoTestObject",
                                  {{kAttachTracepoint, {{"sched_sched_switch", "sched", "sched_switch"}}},
                                   {kAttachKprobe, {{"enter_fd_install", "fd_install", "", "5.0+"},
@@ -39,8 +56,16 @@ TEST(AttachRules, BadRowsMissingPinsAndRowsOfOtherKernels) {
                                   {kAttachKretprobe, {{"return_filp_close", "filp_close", "", "5.0+"}}}}}};
   tavo_test::LogCapture log;
   BpfAttachments attached;
-  EXPECT_EQ(AttachAllTavoBpfProgram("/nonexistent/", table, &attached), 2) << "the two missing pins";
+  BpfAttachReport report;
+  EXPECT_EQ(AttachAllTavoBpfProgram("/nonexistent/", table, 5010, &attached, &report), 2) << "the two missing pins";
   EXPECT_TRUE(attached.empty());
+  const std::string expected =
+      "attach TavoTestObject tracepoint - bad 0\n"
+      "attach TavoTestObject kprobe enter_fd_install failed 2\n"
+      "attach TavoTestObject kprobe enter_dma_buf_attach_6_1 skipped 0\n"
+      "attach TavoTestObject kretprobe return_filp_close failed 2\n";
+  EXPECT_EQ(FormatAttachReport(report), expected);
+  EXPECT_EQ(FormatAttachReport(ParseAttachReport("noise\n" + expected)), expected) << "the report reads back";
   tavo_test::ExpectLogged(log, {
       {"Error format!: TavoTestObject", ANDROID_LOG_ERROR, 1},
       {"Skip bpf prog: TavoTestObject, progName: enter_dma_buf_attach_6_1, kernelCompat: 6.1", ANDROID_LOG_WARN, 1},

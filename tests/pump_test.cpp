@@ -46,7 +46,7 @@ class Pump : public ::testing::Test {
   }
 
   void Run(TavoRingPump::Hooks hooks = {}) {
-    ASSERT_EQ(pump.Attach(), 0);
+    ASSERT_EQ(pump.Attach(KernelVersionFromProperty()), 0);
     runner = std::thread([this, hooks] { result = pump.Run(hooks); });
   }
   uint32_t Counted(int type) {

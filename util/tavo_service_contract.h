@@ -44,5 +44,8 @@ inline constexpr const char* kReadyProperty = "sys.tavo_bpf_ready";
 inline constexpr const char* kKernelVersionProperty = "ro.kernel.version";
 inline constexpr const char* kAllowedIdsProperty = "persist.sys.tavo_bpf.allowed_ids";
 inline constexpr const char* kMaxConnectionsProperty = "persist.sys.tavo_bpf.max_connections";
+// Opt-in: a kernel newer than the newest line of the attach tables takes
+// the dma-buf rows of the line named here ("6.6").
+inline constexpr const char* kDmabufRowsProperty = "persist.sys.tavo_bpf.dmabuf_rows";
 
 }  // namespace Tavo::Bpf

@@ -1,6 +1,7 @@
 // tavo_bpfd: the service on a Linux host.
 //   tavo_bpfd [--use-existing-pins] [--keep-pins] [--prop name=value]...
 //             [--obj-dir DIR] [--ring-bytes N] [--gpl-ring-bytes N] [--rss-step BYTES]
+//             [--attach-report FILE]
 // Loads and pins the BPF objects (unless told to use existing pins), plays
 // the platform's part (kernel version and readiness properties), runs the
 // service until SIGINT or SIGTERM, then stops it and removes its pins.
@@ -19,7 +20,12 @@
 #include <string>
 #include <thread>
 
-#include "tavo_bpf_service_main.h"
+#include <android-base/file.h>
+
+#include <chrono>
+
+#include "include/tavo_bpf_service_main.h"
+#include "service/tavo_bpf_service.h"
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 #include "util/tavo_log.h"
 #include "util/tavo_service_contract.h"
@@ -32,7 +38,8 @@ constexpr const char* kDumpParent = "/data/tavolog/stability";
 int Usage() {
   fprintf(stderr,
           "usage: tavo_bpfd [--use-existing-pins] [--keep-pins] [--prop name=value]...\n"
-          "                 [--obj-dir DIR] [--ring-bytes N] [--gpl-ring-bytes N] [--rss-step BYTES]\n");
+          "                 [--obj-dir DIR] [--ring-bytes N] [--gpl-ring-bytes N] [--rss-step BYTES]\n"
+          "                 [--attach-report FILE]\n");
   return 2;
 }
 
@@ -44,12 +51,38 @@ void MakeDirs(const std::string& path) {
   }
 }
 
+// Once both pumps have attached their objects, writes what became of each
+// row (bpf/tavo_bpf_attach_report.h) to path, whole or not at all, and logs
+// the totals.
+void WriteAttachReport(const std::string& path, const std::atomic<bool>& stopped) {
+  Tavo::Bpf::TavoBpfService::Parts& parts = Tavo::Bpf::TavoBpfService::GetInstance()->parts();
+  Tavo::Bpf::BpfAttachReport report, ring;
+  for (Tavo::Bpf::TavoRingPump& pump : parts.pumps) {
+    while (!pump.AttachReport(&ring)) {
+      if (stopped) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    report.insert(report.end(), ring.begin(), ring.end());
+  }
+  int counts[4] = {};
+  for (const auto& row : report) ++counts[static_cast<int>(row.verdict)];
+  const std::string partial = path + ".partial";
+  if (!android::base::WriteStringToFile(Tavo::Bpf::FormatAttachReport(report), partial) ||
+      rename(partial.c_str(), path.c_str()) != 0) {
+    TAVO_LOGE(kTag, "[tavo_bpfd] cannot write the attach report %s: %s", path.c_str(), strerror(errno));
+    return;
+  }
+  TAVO_LOGI(kTag, "[tavo_bpfd] attach report %s: %d attached, %d skipped by version, %d failed, %d bad", path.c_str(),
+            counts[0], counts[1], counts[2], counts[3]);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Tavo::Loader::LoaderOptions options;
   bool useExisting = false;
   bool keepPins = false;
+  std::string attachReport;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool hasValue = i + 1 < argc;
@@ -57,6 +90,8 @@ int main(int argc, char** argv) {
       useExisting = true;
     } else if (arg == "--keep-pins") {
       keepPins = true;
+    } else if (arg == "--attach-report" && hasValue) {
+      attachReport = argv[++i];
     } else if (arg == "--prop" && hasValue) {
       const std::string prop = argv[++i];
       const size_t eq = prop.find('=');
@@ -98,6 +133,8 @@ int main(int argc, char** argv) {
   }
 
   std::atomic<bool> joined{false};
+  std::thread reporter;
+  if (!attachReport.empty()) reporter = std::thread(WriteAttachReport, attachReport, std::cref(joined));
   std::thread watcher([&] {
     int sig = 0;
     sigwait(&stopSignals, &sig);
@@ -110,6 +147,7 @@ int main(int argc, char** argv) {
   joined = true;
   kill(getpid(), SIGTERM);  // releases the watcher if no signal came
   watcher.join();
+  if (reporter.joinable()) reporter.join();
   if (!keepPins && Tavo::Loader::RemovePins(report.pins, options.pinDir) != 0)
     TAVO_LOGW(kTag, "[tavo_bpfd] some pins could not be removed");
   TAVO_LOGI(kTag, "[tavo_bpfd] stopped");

@@ -45,6 +45,7 @@
 #include <thread>
 #include <vector>
 
+#include "bpf/tavo_bpf_attach_report.h"
 #include "bpf/tavo_bpf_attach_tables.h"
 #include "bpf/tavo_bpf_map.h"
 #include "bpf/tavo_bpf_pins.h"
@@ -157,69 +158,47 @@ struct RowCounts {
   std::set<std::string> attachedProgs;  // "<object>/<progName>"
 };
 
-const char* const kTypeWords[] = {"tracepoint", "kprobe", "kretprobe"};
-
-// What the daemon's log says of one row: 'S'kipped, 'A'ttached, 'F'ailed, or 0.
-char RowVerdict(const std::vector<std::string>& lines, const std::string& object, int type,
-                const std::string& prog) {
-  const std::string skip = "Skip bpf prog: " + object + ", progName: " + prog + ", kernelCompat";
-  const std::string start = "Attach bpf prog start: " + object + ", progName: " + prog;
-  const std::string fail = StringPrintf("Attach %s prog failed: %s, %s: %s, msg:", kTypeWords[type],
-                                        object.c_str(), type == 0 ? "type" : "progname", prog.c_str());
-  char verdict = 0;
-  for (const std::string& line : lines) {
-    if (line.find(skip) != std::string::npos) return 'S';
-    if (android::base::EndsWith(line, start)) verdict = 'A';
-    if (line.find(fail) != std::string::npos) return 'F';
-  }
-  return verdict;
-}
-
-RowCounts CheckRows(const std::string& logPath, Result* result) {
+// What the daemon's attach report (tavo_bpfd --attach-report) says of each
+// row, checked against the tables for the version the rows were chosen by.
+RowCounts CheckRows(const std::string& reportPath, int rowsVersion, Result* result) {
   RowCounts counts;
-  std::vector<std::string> lines;
-  int rows = 0, decided = 0;
-  auto decide = [&] {
-    std::string log;
-    android::base::ReadFileToString(logPath, &log);
-    lines = android::base::Split(log, "\n");
-    rows = decided = 0;
-    for (const auto* table : {&Tavo::Bpf::PROG_EVENT_MAP, &Tavo::Bpf::PROG_GPL_EVENT_MAP})
-      for (const auto& [object, byType] : *table)
-        for (const auto& [type, list] : byType)
-          for (const auto& row : list) {
-            ++rows;
-            decided += RowVerdict(lines, object, type, row[0]) != 0;
-          }
-    return rows == decided;
-  };
+  std::string text;
   // The programs are enabled (what main waited for) only after every row
-  // was tried, so the log is complete; this only guards a slow writer.
-  Wait(decide, 10000);
+  // was tried; the report is written right then.
+  Wait([&] { return android::base::ReadFileToString(reportPath, &text); }, 10000);
+  std::map<std::string, Tavo::Bpf::BpfAttachVerdict> verdicts;
+  for (const auto& row : Tavo::Bpf::ParseAttachReport(text)) verdicts[row.object + "/" + row.progName] = row.verdict;
 
   const std::set<std::string> functions = KernelFunctions();
   std::string failure;
+  int rows = 0;
   for (const auto* table : {&Tavo::Bpf::PROG_EVENT_MAP, &Tavo::Bpf::PROG_GPL_EVENT_MAP}) {
     for (const auto& [object, byType] : *table) {
       for (const auto& [type, list] : byType) {
         for (const auto& row : list) {
+          ++rows;
           const std::string name = object + "/" + row[0];
-          const bool applies = Tavo::Bpf::CheckBpfCompatibility(row[3]);
-          const char verdict = RowVerdict(lines, object, type, row[0]);
-          if (verdict == 'S') ++counts.skipped;
-          if (verdict == 'A') {
+          const bool applies = Tavo::Bpf::CheckBpfCompatibility(row[3], rowsVersion);
+          auto found = verdicts.find(name);
+          if (found == verdicts.end()) {
+            failure += " " + name + " is not in the attach report;";
+            continue;
+          }
+          const Tavo::Bpf::BpfAttachVerdict verdict = found->second;
+          const bool skipped = verdict == Tavo::Bpf::BpfAttachVerdict::kSkipped;
+          if (skipped) ++counts.skipped;
+          if (verdict == Tavo::Bpf::BpfAttachVerdict::kAttached) {
             ++counts.attached;
             counts.attachedProgs.insert(name);
           }
-          if (verdict == 0) failure += " " + name + " has no verdict in the log;";
-          if ((verdict == 'S') == applies) {
+          if (skipped == applies) {
             failure += StringPrintf(" %s (rule %s) was %s;", name.c_str(), row[3].c_str(),
                                     applies ? "skipped" : "not skipped");
           }
-          if (verdict != 'F') continue;
+          if (verdict != Tavo::Bpf::BpfAttachVerdict::kFailed) continue;
           ++counts.failed;
           if (type != 0 && functions.count(row[1]) == 0) {
-            Note("row failed: " + name + " (" + kTypeWords[type] + " on " + row[1] +
+            Note("row failed: " + name + " (" + Tavo::Bpf::AttachTypeWord(type) + " on " + row[1] +
                  ", which this kernel does not have)");
           } else {
             failure += " " + name + " failed to attach to " + row[1] + ", which this kernel has;";
@@ -526,14 +505,14 @@ void CheckDmabuf(Collector& events, const RowCounts& rows, const std::string& ex
 
 // ---- daemon ------------------------------------------------------------------
 
-pid_t StartDaemon(const std::string& bpfd, const std::string& log) {
+pid_t StartDaemon(const std::string& bpfd, const std::string& log, const std::string& attachReport) {
   const pid_t pid = fork();
   if (pid == 0) {
     unique_fd fd(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (fd < 0) _exit(126);
     dup2(fd.get(), STDOUT_FILENO);
     dup2(fd.get(), STDERR_FILENO);
-    execl(bpfd.c_str(), bpfd.c_str(), nullptr);
+    execl(bpfd.c_str(), bpfd.c_str(), "--attach-report", attachReport.c_str(), nullptr);
     _exit(127);
   }
   return pid;
@@ -563,6 +542,7 @@ int main(int argc, char** argv) {
   std::string bpfd = here + "/../tavo_bpfd/tavo_bpfd";
   std::string exerciser = here + "/tavo_dmabuf_exerciser";
   std::string log = "/tmp/tavo_bpfd.log";
+  const std::string attachReport = log + ".attach";
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (i + 1 >= argc) return Usage();
@@ -572,14 +552,14 @@ int main(int argc, char** argv) {
     else return Usage();
   }
   setvbuf(stdout, nullptr, _IOLBF, 0);
-  // The tables' version rules are read against this process's property, as
-  // the daemon reads its own.
+  // The rows the daemon chooses for this kernel (it reads the same uname).
   utsname uts{};
   uname(&uts);
-  android::base::SetProperty(Tavo::Bpf::kKernelVersionProperty, uts.release);
+  const int rowsVersion = Tavo::Bpf::convertVersionToInt(uts.release);
+  unlink(attachReport.c_str());
 
   Result result;
-  const pid_t daemon = StartDaemon(bpfd, log);
+  const pid_t daemon = StartDaemon(bpfd, log, attachReport);
   const uint64_t both = TAVO_STATUS_CORE_ENABLED | TAVO_STATUS_NORMAL_ENABLED;
   const bool up = Wait([&] {
     return (StatusFlags(kNormal) & both) == both && (StatusFlags(kGpl) & both) == both;
@@ -607,7 +587,7 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  const RowCounts rows = CheckRows(log, &result);
+  const RowCounts rows = CheckRows(attachReport, rowsVersion, &result);
   CheckLife(events, &result);
   CheckExits(events, &result);
   CheckOpenFds(rows, KernelFunctions(), &result);
