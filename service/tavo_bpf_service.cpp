@@ -73,9 +73,9 @@ TavoBpfService::Parts::Parts(const TavoServiceOptions& options)
       reader(options.procRoot),
       hub(options.hub),
       dispatcher(counters, [this](const char* data, unsigned long size) { return hub.AppendEvent(data, size); }),
-      tracker(registry, reader, [this](const void* notice, size_t size) {
-        hub.AppendEvent(static_cast<const char*>(notice), size);
-      }),
+      tracker(registry, reader,
+              [this](const void* notice, size_t size) { hub.AppendEvent(static_cast<const char*>(notice), size); },
+              &GetSystemSecondsTime),
       dmabuf(registry, reader,
              [this](const void* notice, size_t size) { hub.AppendEvent(static_cast<const char*>(notice), size); }),
       pumps{{PumpConfig(options, kNormalRing, &noTracepointSaid), &TavoEventDispatcher::handleBpfRingBuffEvent,

@@ -52,8 +52,9 @@ bool HasPlaceholderName(const TavoTask& task) {
 
 }  // namespace
 
-TavoTaskTracker::TavoTaskTracker(TavoTaskManager& registry, const TavoProcReader& reader, TavoNoticeSink notices)
-    : registry_(registry), reader_(reader), notices_(std::move(notices)) {}
+TavoTaskTracker::TavoTaskTracker(TavoTaskManager& registry, const TavoProcReader& reader, TavoNoticeSink notices,
+                                 Clock clock)
+    : registry_(registry), reader_(reader), notices_(std::move(notices)), clock_(clock) {}
 
 void TavoTaskTracker::HandleThreadChange(int32_t pid, uint64_t ts, int delta) {
   tavo_notice_thread_count notice{};
@@ -120,7 +121,7 @@ int TavoTaskTracker::handleSched_SchedProcessFork(char* data, long size) {
   memcpy(task.comm, record->comm, sizeof(task.comm));
   task.threadNum = 1;
   task.oldThreadNum = 1;
-  task.initTimeStamp = GetSystemSecondsTime();
+  task.initTimeStamp = clock_();
   task.createTimeNs = record->hdr.ts;
   if (record->ppid == 0) {
     UpdateProcessExdata info;
@@ -201,7 +202,7 @@ int TavoTaskTracker::handleKmem_RssStat(char* data, long size) {
   UpdateProcessExdata info;
   registry_.WithTask(pid, [&](TavoTask& task) {
     if (HasPlaceholderName(task) &&
-        GetSystemSecondsTime() - static_cast<int64_t>(task.lastUpdateTime) >= kIdentityRefreshSeconds) {
+        clock_() - static_cast<int64_t>(task.lastUpdateTime) >= kIdentityRefreshSeconds) {
       info.ppid = task.ppid;
       memcpy(info.comm, task.comm, sizeof(info.comm));
       refresh = true;
@@ -211,7 +212,7 @@ int TavoTaskTracker::handleKmem_RssStat(char* data, long size) {
   });
   if (refresh) {
     const bool reread = reader_.getProcessInfo(pid, &info) == 0;
-    const int64_t updated = GetSystemSecondsTime();
+    const int64_t updated = clock_();
     registry_.WithTask(pid, [&](TavoTask& task) {
       if (reread) {
         task.ppid = info.ppid;

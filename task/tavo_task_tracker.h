@@ -27,8 +27,11 @@ class TavoTaskTracker {
   // Told of every process end (not thread end), after its notice.
   using ExitObserver = std::function<void(int32_t pid, uint64_t ts)>;
   using OpenFdMap = TavoBpfMap<int32_t, tavo_open_fd_value>;
+  // Seconds on the service's wall-clock scale (GetSystemSecondsTime): a new
+  // process's start time and the pace of /proc re-reads.
+  using Clock = int64_t (*)();
 
-  TavoTaskTracker(TavoTaskManager& registry, const TavoProcReader& reader, TavoNoticeSink notices);
+  TavoTaskTracker(TavoTaskManager& registry, const TavoProcReader& reader, TavoNoticeSink notices, Clock clock);
 
   void SetExitObserver(ExitObserver observer) { onProcessExit_ = std::move(observer); }
 
@@ -51,6 +54,7 @@ class TavoTaskTracker {
   TavoTaskManager& registry_;
   const TavoProcReader& reader_;
   TavoNoticeSink notices_;
+  const Clock clock_;
   ExitObserver onProcessExit_;
 };
 

@@ -23,6 +23,10 @@ namespace {
 constexpr uint64_t kT0 = 1000000000000ULL;  // creation stamp of the tasks below
 constexpr uint64_t kSec = 1000000000ULL;
 
+// The tracker's clock, in seconds; each test sets it.
+int64_t gNow = 0;
+int64_t FakeNow() { return gNow; }
+
 template <typename Notice>
 bool SameBytes(const Notice& a, const Notice& b) {
   return memcmp(&a, &b, sizeof(a)) == 0;
@@ -31,6 +35,7 @@ bool SameBytes(const Notice& a, const Notice& b) {
 class Tracker : public ::testing::Test {
  protected:
   void SetUp() override {
+    gNow = 1700000000;
     proc.Write("100/status", "Name:\treal_name\nPPid:\t42\n");
     proc.Write("100/fd/.keep", "");
     symlink("/dev/null", (proc.path() + "/100/fd/0").c_str());
@@ -63,7 +68,7 @@ class Tracker : public ::testing::Test {
   TavoProcReader reader{proc.path()};
   TavoTaskManager registry;
   NoticeLog notices;
-  TavoTaskTracker tracker{registry, reader, notices.Sink()};
+  TavoTaskTracker tracker{registry, reader, notices.Sink(), &FakeNow};
 };
 
 }  // namespace
@@ -107,7 +112,7 @@ TEST_F(Tracker, ProcessStartsAndEndsAreNoticed) {
   std::vector<std::pair<int32_t, uint64_t>> exits;
   tracker.SetExitObserver([&](int32_t pid, uint64_t ts) { exits.emplace_back(pid, ts); });
   Fork(5000, 42, "worker", kT0, 1);
-  EXPECT_NEAR(static_cast<double>(Stored(5000).initTimeStamp), static_cast<double>(GetSystemSecondsTime()), 1.0);
+  EXPECT_EQ(Stored(5000).initTimeStamp, gNow);
   Fork(5000, 43, "other", kT0 + kSec, 1);  // already registered: ignored
   Fork(100, 0, "placeholder", kT0, 1);     // no parent in the record: read from /proc
   Fork(300, 0, "vanished", kT0, 1);        // and when /proc has nothing, the record stands
@@ -190,13 +195,11 @@ TEST_F(Tracker, PlaceholderNamesAreRefreshedAtMostEveryThreeSeconds) {
     Rss(100, TAVO_RSS_ANON, 4096);  // never read before
     EXPECT_STREQ(Stored(100).comm, "real_name");
     EXPECT_EQ(Stored(100).ppid, 42);
-    for (const auto& [secondsAgo, refreshed] : {std::pair<int64_t, bool>{2, false}, {3, true}}) {
-      registry.WithTask(100, [&, p = placeholder, s = secondsAgo](TavoTask& t) {
-        SetComm(t.comm, p);
-        t.lastUpdateTime = static_cast<uint64_t>(GetSystemSecondsTime() - s);
-      });
+    for (const auto& [secondsLater, refreshed] : {std::pair<int64_t, bool>{2, false}, {1, true}}) {
+      registry.WithTask(100, [p = placeholder](TavoTask& t) { SetComm(t.comm, p); });
+      gNow += secondsLater;
       Rss(100, TAVO_RSS_ANON, 8192);
-      EXPECT_STREQ(Stored(100).comm, refreshed ? "real_name" : placeholder) << secondsAgo;
+      EXPECT_STREQ(Stored(100).comm, refreshed ? "real_name" : placeholder) << secondsLater;
     }
   }
   Init(300, 1, "main");  // gone from /proc: keeps its name, the time still moves

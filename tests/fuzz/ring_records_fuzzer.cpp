@@ -40,7 +40,7 @@ struct World {
   TavoBpfDataState counters{&GetSystemSecondsTime};
   TavoNoticeSink sink = [](const void*, size_t) {};
   TavoEventDispatcher dispatcher{counters, [](const char*, unsigned long) { return 0; }};
-  TavoTaskTracker tracker{registry, reader, sink};
+  TavoTaskTracker tracker{registry, reader, sink, &GetSystemSecondsTime};
   TavoDmabufAccounting dmabuf{registry, reader, sink};
 };
 
