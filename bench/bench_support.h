@@ -1,38 +1,29 @@
-// What several benchmarks set up: a private bpffs (and tracefs) that goes
-// away with the process, sleeping children that fill /proc, and a wait.
+// What several benchmarks set up, on the shared harness: a private bpffs
+// (and tracefs) that goes away with the process, sleeping children that
+// fill /proc, and a wait.
 #pragma once
 
 #include <errno.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <android-base/unique_fd.h>
 
 #include <chrono>
-#include <cstring>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "task/tavo_proc_reader.h"
+#include "tests/support/tavo_harness.h"
 
 namespace tavo_bench {
 
-// Moves this process into a mount namespace of its own with a fresh bpffs
-// on /sys/fs/bpf and tracefs on /sys/kernel/tracing (tracepoint ids are
-// read there), so pins never meet another process's. Call before any
-// thread starts. Empty on success, else why not; tracefs is best effort.
+// A private bpffs (and tracefs), so pins never meet another process's;
+// empty on success, else why not. Call before any thread starts.
 inline std::string PrivateBpfFs() {
-  if (geteuid() != 0) return "needs root";
-  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("bpf", "/sys/fs/bpf", "bpf", 0, "mode=0700") != 0) {
-    return std::string("private bpffs: ") + strerror(errno);
-  }
-  if (access("/sys/kernel/tracing/events", F_OK) != 0) mount("tracefs", "/sys/kernel/tracing", "tracefs", 0, nullptr);
-  return "";
+  const tavo_test::Isolation isolation = tavo_test::EnterPrivateNamespaces(false);
+  return isolation.bpffs ? "" : isolation.whyNot;
 }
 
 // Children parked on a pipe; they leave when the object goes, or with
@@ -75,15 +66,9 @@ inline size_t CountProcesses() {
   return count;
 }
 
-// Polls `done` every 200 us (fine enough for waits inside a measurement);
-// false when the time ran out first.
+// Fine enough for waits inside a measurement.
 inline bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::microseconds(200));
-  }
-  return true;
+  return tavo_test::WaitFor(done, timeoutMs, std::chrono::microseconds(200));
 }
 
 }  // namespace tavo_bench

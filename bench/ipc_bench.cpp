@@ -18,7 +18,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
@@ -41,14 +40,6 @@ constexpr size_t kQueueHighWater = 20000;       // producer backs off above this
 
 std::string Name(const char* what) {
   return std::string("/mnt/bpfframework/ipc-bench-") + what + "-" + std::to_string(getpid());
-}
-
-long RssKiB() {
-  std::ifstream statm("/proc/self/statm");
-  long size = 0;
-  long resident = 0;
-  statm >> size >> resident;
-  return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 void RaiseFdLimit(rlim_t want) {
@@ -235,7 +226,7 @@ void BM_IdleConnectionMemory(benchmark::State& state) {
     const std::string path = Name("mem");
     QueueServer server(path, 32768, true);
     std::vector<android::base::unique_fd> sockets;
-    const long before = RssKiB();
+    const long before = tavo_test::SelfRssKiB();
     const std::string frame = [] {
       std::string f(16 + 8, '\0');
       const int64_t length = 16;
@@ -260,7 +251,7 @@ void BM_IdleConnectionMemory(benchmark::State& state) {
         served = false;
       }
     }
-    const long after = RssKiB();
+    const long after = tavo_test::SelfRssKiB();
     if (!served || sockets.size() != static_cast<size_t>(connections)) {
       state.SkipWithError("not every connection was accepted and served");
     }

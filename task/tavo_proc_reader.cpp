@@ -13,6 +13,10 @@
 #include <string_view>
 #include <vector>
 
+#include <android-base/file.h>
+#include <android-base/parseint.h>
+#include <android-base/strings.h>
+
 #include "util/tavo_log.h"
 #include "util/tavo_strings.h"
 
@@ -26,6 +30,8 @@ constexpr const char* TASK_STATUS_PID_TEMPLATE = "/%d/status";
 constexpr const char* TASK_STAT_TEMPLATE = "/%s/stat";
 constexpr const char* TASK_FD_TEMPLATE = "/%s/fd";
 constexpr const char* TASK_FDINFO_TEMPLATE = "/%s/fdinfo/%s";
+constexpr const char* SUBTASK_PATH_TEMPLATE = "/%s/task";
+constexpr const char* TASK_NET_NS_TEMPLATE = "/%s/ns/net";
 constexpr std::string_view TASK_COMM_PREFIX = "Name:\t";
 constexpr std::string_view TASK_PPID_PREFIX = "PPid:\t";
 constexpr std::string_view TASK_RSS_ANON_PREFIX = "RssAnon:\t";
@@ -210,46 +216,52 @@ void TavoProcReader::ForEachProcess(const std::function<void(int32_t, const char
   }
 }
 
-void TavoProcReader::ParseStatus(const char* begin, const char* end, tavo_task_init_event* record) {
-  ForEachLine(begin, end, [record](const Line& line) {
+void TavoProcReader::ParseStatus(const char* begin, const char* end, TavoProcFacts* facts) {
+  ForEachLine(begin, end, [facts](const Line& line) {
     const int which = FirstMatch(line, kStatusPrefixes, kStatusPrefixCount);
     if (which < 0) return true;
     const char* v = ValueOf(line, kStatusPrefixes[which]);
     switch (which) {
-      case kName: CopyComm(record->comm, v, line.end); break;
-      case kPPid: record->ppid = ClampInt(ParseSigned(v, line.end)); break;
-      case kRssAnon: record->rss_anon = KbToBytes(ParseSigned(v, line.end)); break;
-      case kRssFile: record->rss_file = KbToBytes(ParseSigned(v, line.end)); break;
-      case kRssShmem: record->rss_shmem = KbToBytes(ParseSigned(v, line.end)); break;
-      case kVmSwap: record->rss_swap = KbToBytes(ParseSigned(v, line.end)); break;
-      case kUid: record->uid = static_cast<uint32_t>(ParseUnsigned(v, line.end)); break;
+      case kName: CopyComm(facts->comm, v, line.end); break;
+      case kPPid: facts->ppid = ClampInt(ParseSigned(v, line.end)); break;
+      case kRssAnon: facts->rssAnon = KbToBytes(ParseSigned(v, line.end)); break;
+      case kRssFile: facts->rssFile = KbToBytes(ParseSigned(v, line.end)); break;
+      case kRssShmem: facts->rssShmem = KbToBytes(ParseSigned(v, line.end)); break;
+      case kVmSwap: facts->swap = KbToBytes(ParseSigned(v, line.end)); break;
+      case kUid: facts->uid = static_cast<uint32_t>(ParseUnsigned(v, line.end)); break;
     }
     return true;
   });
 }
 
-// First line cut at blanks (empty pieces dropped): piece 19 is the thread
-// count, piece 21 the start time in clock ticks. A name with a blank shifts
-// the pieces; that is accepted.
-void TavoProcReader::ParseStat(const char* begin, const char* end, int64_t basetime, long ticksPerSecond,
-                               tavo_task_init_event* record) {
-  if (begin == end) return;
+// The first line's words after the name's closing ')': word 0 is the state
+// (field 3), so field N is word N - 3. Threads are field 20, the start time
+// field 22, user and system time fields 14 and 15.
+void TavoProcReader::ParseStat(const char* begin, const char* end, TavoProcFacts* facts) {
   const char* nl = static_cast<const char*>(memchr(begin, '\n', static_cast<size_t>(end - begin)));
   if (nl != nullptr) end = nl;
-  const char* pieces[22];
-  const char* pieceEnds[22];
+  const char* close = nullptr;
+  for (const char* p = begin; p < end; ++p) {
+    if (*p == ')') close = p;
+  }
+  if (close == nullptr) return;
+  constexpr int kWords = 20;
+  const char* words[kWords];
+  const char* wordEnds[kWords];
   int count = 0;
-  for (const char* p = begin; p < end && count < 22;) {
+  for (const char* p = close + 1; p < end && count < kWords;) {
     while (p < end && *p == ' ') ++p;
     if (p == end) break;
-    pieces[count] = p;
+    words[count] = p;
     while (p < end && *p != ' ') ++p;
-    pieceEnds[count++] = p;
+    wordEnds[count++] = p;
   }
-  if (count < 22) return;
-  record->thread_num = static_cast<uint32_t>(ClampInt(ParseSigned(pieces[19], pieceEnds[19])));
-  const int64_t startTicks = ParseSigned(pieces[21], pieceEnds[21]);
-  record->start_time = basetime + (ticksPerSecond > 0 ? startTicks / ticksPerSecond : 0);
+  if (count < kWords) return;
+  auto field = [&](int n) { return ParseUnsigned(words[n - 3], wordEnds[n - 3]); };
+  facts->hasStat = true;
+  facts->threads = static_cast<uint32_t>(ClampInt(ParseSigned(words[17], wordEnds[17])));
+  facts->startTicks = field(22);
+  facts->cpuTicks = field(14) + field(15);
 }
 
 void TavoProcReader::ParseProcessInfo(const char* begin, const char* end, UpdateProcessExdata* out) {
@@ -265,12 +277,28 @@ void TavoProcReader::ParseProcessInfo(const char* begin, const char* end, Update
   });
 }
 
-bool TavoProcReader::ReadTaskInit(const char* name, int64_t basetime, long ticksPerSecond,
-                                  tavo_task_init_event* record) const {
+bool TavoProcReader::ReadProcess(const char* name, TavoProcFacts* facts) const {
   FileBuffer& file = ThreadBuffer();
   if (!file.Read(Path(name, TASK_STATUS_TEMPLATE))) return false;  // gone since it was listed
-  ParseStatus(file.begin(), file.end(), record);
-  if (file.Read(Path(name, TASK_STAT_TEMPLATE))) ParseStat(file.begin(), file.end(), basetime, ticksPerSecond, record);
+  ParseStatus(file.begin(), file.end(), facts);
+  if (file.Read(Path(name, TASK_STAT_TEMPLATE))) ParseStat(file.begin(), file.end(), facts);
+  return true;
+}
+
+bool TavoProcReader::ReadTaskInit(const char* name, int64_t basetime, long ticksPerSecond,
+                                  tavo_task_init_event* record) const {
+  TavoProcFacts facts;
+  if (!ReadProcess(name, &facts)) return false;
+  memcpy(record->comm, facts.comm, sizeof(record->comm));
+  record->ppid = facts.ppid;
+  record->uid = facts.uid;
+  record->rss_file = facts.rssFile;
+  record->rss_anon = facts.rssAnon;
+  record->rss_shmem = facts.rssShmem;
+  record->rss_swap = facts.swap;
+  record->thread_num = facts.threads;
+  const auto seconds = static_cast<int64_t>(ticksPerSecond > 0 ? facts.startTicks / ticksPerSecond : 0);
+  record->start_time = facts.hasStat ? basetime + seconds : 0;
   return true;
 }
 
@@ -291,11 +319,21 @@ bool TavoProcReader::ReadName(const char* name, std::string* value) const {
   bool found = false;
   ForEachLine(file.begin(), file.end(), [&](const Line& line) {
     if (FirstMatch(line, &TASK_COMM_PREFIX, 1) < 0) return true;
-    value->assign(ValueOf(line, TASK_COMM_PREFIX), line.end);
+    char comm[TAVO_COMM_LEN];
+    CopyComm(comm, ValueOf(line, TASK_COMM_PREFIX), line.end);
+    value->assign(comm);
     found = true;
     return false;
   });
   return found;
+}
+
+void TavoProcReader::ForEachThread(const char* name, const std::function<void(int32_t)>& fn) const {
+  DirPtr dir(opendir(Path(name, SUBTASK_PATH_TEMPLATE).c_str()));
+  if (!dir) return;
+  while (const dirent* entry = readdir(dir.get())) {
+    if (IsDigits(entry->d_name)) fn(ClampInt(ParseSigned(entry->d_name, entry->d_name + strlen(entry->d_name))));
+  }
 }
 
 bool TavoProcReader::ForEachFd(const char* name, const std::function<void(const char*)>& fn) const {
@@ -308,12 +346,7 @@ bool TavoProcReader::ForEachFd(const char* name, const std::function<void(const 
 }
 
 bool TavoProcReader::ReadFdTarget(const char* name, const char* fdName, std::string* target) const {
-  char buffer[PATH_MAX];
-  const std::string path = Path(name, TASK_FD_TEMPLATE) + "/" + fdName;
-  const ssize_t length = readlink(path.c_str(), buffer, sizeof(buffer));
-  if (length < 0) return false;
-  target->assign(buffer, static_cast<size_t>(length));
-  return true;
+  return android::base::Readlink(Path(name, TASK_FD_TEMPLATE) + "/" + fdName, target);
 }
 
 std::string TavoProcReader::FdInfoPath(const char* name, const char* fdName) const {
@@ -326,6 +359,67 @@ long TavoProcReader::GetFdSize(const std::string& path) {
 
 uint64_t TavoProcReader::GetFdInode(const std::string& path) {
   return ReadFdInfoValue<uint64_t>(path, TASK_DMABUF_INO_PREFIX, ParseUnsigned);
+}
+
+int64_t TavoProcReader::UptimeMs() const {
+  FileBuffer& file = ThreadBuffer();
+  if (!file.Read(root_ + "/uptime")) return -1;
+  // "12345.67 ...": seconds and hundredths.
+  const char* p = file.begin();
+  const char* dot = static_cast<const char*>(memchr(p, '.', static_cast<size_t>(file.end() - p)));
+  if (dot == nullptr || dot + 3 > file.end()) return -1;
+  return ParseSigned(p, dot) * 1000 + ParseSigned(dot + 1, dot + 3) * 10;
+}
+
+std::string TavoProcReader::NetNamespace(const char* name) const {
+  std::string target;
+  android::base::Readlink(Path(name, TASK_NET_NS_TEMPLATE), &target);
+  return target;
+}
+
+bool TavoProcReader::ParseUnixSockets(const std::string& table, const std::string& abstractName,
+                                      std::set<unsigned long>* inodes, size_t* connected) {
+  // Num RefCount Protocol Flags Type St Inode Path; St 03 is a connection,
+  // 01 the listener.
+  const std::string wanted = "@" + abstractName;
+  *connected = 0;
+  for (const std::string& line : android::base::Split(table, "\n")) {
+    const std::vector<std::string> f = Split(line, " ");  // runs of blanks count as one
+    unsigned long inode = 0;
+    if (f.size() != 8 || f[7] != wanted || !android::base::ParseUint(f[6], &inode) || inode == 0) continue;
+    inodes->insert(inode);
+    *connected += f[5] == "03";
+  }
+  return true;
+}
+
+bool TavoProcReader::UnixSockets(const std::string& abstractName, std::set<unsigned long>* inodes,
+                                 size_t* connected) const {
+  std::string table;
+  if (!android::base::ReadFileToString(root_ + "/net/unix", &table)) return false;
+  return ParseUnixSockets(table, abstractName, inodes, connected);
+}
+
+bool TavoProcReader::HoldsSocket(const char* name, const std::set<unsigned long>& inodes) const {
+  bool holds = false;
+  std::string target;
+  ForEachFd(name, [&](const char* fd) {
+    unsigned long inode = 0;
+    if (holds || !ReadFdTarget(name, fd, &target) || !android::base::StartsWith(target, "socket:[")) return;
+    holds = android::base::ParseUint(target.substr(8, target.size() - 9), &inode) && inodes.count(inode) != 0;
+  });
+  return holds;
+}
+
+std::set<std::string> TavoProcReader::KernelFunctions() const {
+  std::string text;
+  std::set<std::string> names;
+  if (!android::base::ReadFileToString(root_ + "/kallsyms", &text)) return names;
+  for (const std::string& line : android::base::Split(text, "\n")) {
+    const std::vector<std::string> f = android::base::Split(line, " ");
+    if (f.size() >= 3 && (f[1] == "t" || f[1] == "T")) names.insert(f[2]);
+  }
+  return names;
 }
 
 }  // namespace Tavo::Bpf

@@ -13,7 +13,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/records.h"
 #include "tests/support/test_env.h"
-#include "tests/support/wait.h"
+#include "tests/support/tavo_harness.h"
 #include "client/tavo_client.h"
 
 using namespace Tavo::Bpf;

@@ -13,7 +13,7 @@
 
 #include "ipc/epoll_manager.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/wait.h"
+#include "tests/support/tavo_harness.h"
 
 using tavo_test::WaitFor;
 

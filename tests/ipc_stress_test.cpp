@@ -11,8 +11,6 @@
 
 #include <atomic>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include "tests/support/ipc_endpoint.h"
@@ -26,19 +24,6 @@ using tavo_test::SocketName;
 using tavo_test::WaitFor;
 
 namespace {
-
-long RssKiB() {
-  std::ifstream statm("/proc/self/statm");
-  long size = 0, resident = 0;
-  statm >> size >> resident;
-  return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
-int OpenFds() {
-  int count = 0;
-  for (auto it = std::filesystem::directory_iterator("/proc/self/fd"); it != decltype(it)(); ++it) ++count;
-  return count - 1;  // the iterator's own
-}
 
 bool SetFdLimit(rlim_t soft) {
   rlimit limit{};
@@ -72,7 +57,7 @@ TEST(IpcStressTest, ThousandConcurrentClientsAllServed) {
   Mode echo;
   echo.echo = true;
   Server server(echo);
-  const long rss = RssKiB();
+  const long rss = tavo_test::SelfRssKiB();
   std::vector<std::unique_ptr<RawPeer>> peers;
   for (int i = 0; i < 1000; ++i) {
     peers.push_back(std::make_unique<RawPeer>(server.ipc->getPath()));
@@ -83,7 +68,7 @@ TEST(IpcStressTest, ThousandConcurrentClientsAllServed) {
   for (int i = 0; i < 1000; ++i) served += peers[i]->Recv(Frame(3, "echo:c" + std::to_string(i)).size()) == Frame(3, "echo:c" + std::to_string(i));
   EXPECT_EQ(served, 1000);
   EXPECT_EQ(server.ipc->getConnectionCount(), 1000u);
-  FIGURE("%d of 1000 concurrent clients served, RSS +%ld KiB\n", served, RssKiB() - rss);
+  FIGURE("%d of 1000 concurrent clients served, RSS +%ld KiB\n", served, tavo_test::SelfRssKiB() - rss);
 }
 
 TEST(IpcStressTest, TenThousandConnectCloseCyclesLeaveNoDescriptorOrMemory) {
@@ -93,16 +78,16 @@ TEST(IpcStressTest, TenThousandConnectCloseCyclesLeaveNoDescriptorOrMemory) {
   };
   cycles(200);  // what is made once (log buffers, map nodes) exists before measuring
   ASSERT_TRUE(WaitFor([&] { return server.Get(server.closed).size() == 200; }));
-  const int fds = OpenFds();
-  const long rss = RssKiB();
+  const int fds = tavo_test::SelfOpenFds();
+  const long rss = tavo_test::SelfRssKiB();
   cycles(10000);
   ASSERT_TRUE(WaitFor([&] { return server.Get(server.closed).size() == 10200; }, 60000));
   EXPECT_EQ(server.ipc->getConnectionCount(), 0u);
-  EXPECT_EQ(OpenFds(), fds);
+  EXPECT_EQ(tavo_test::SelfOpenFds(), fds);
   if (kRssMeaningful) {
-    EXPECT_LT(RssKiB() - rss, 16 * 1024);  // the recorder's own lists grow a little
+    EXPECT_LT(tavo_test::SelfRssKiB() - rss, 16 * 1024);  // the recorder's own lists grow a little
   }
-  FIGURE("10000 cycles: descriptors %d -> %d, RSS %ld -> %ld KiB\n", fds, OpenFds(), rss, RssKiB());
+  FIGURE("10000 cycles: descriptors %d -> %d, RSS %ld -> %ld KiB\n", fds, tavo_test::SelfOpenFds(), rss, tavo_test::SelfRssKiB());
 }
 
 TEST(IpcStressTest, ClientThatNeverReadsStaysWithinItsCapWhileOthersReceive) {
@@ -174,7 +159,7 @@ TEST(IpcStressTest, AcceptBacksOffWhileOutOfDescriptors) {
   rlimit old{};
   getrlimit(RLIMIT_NOFILE, &old);
   const long cpuBefore = tavo_test::ThreadCpuMs(tid);
-  ASSERT_TRUE(SetFdLimit(static_cast<rlim_t>(OpenFds())));
+  ASSERT_TRUE(SetFdLimit(static_cast<rlim_t>(tavo_test::SelfOpenFds())));
   for (int fd; (fd = dup(clients[0].get())) >= 0;) fillers.emplace_back(fd);  // fill every hole
   phase = 1;
   std::this_thread::sleep_for(std::chrono::seconds(1));

@@ -15,8 +15,6 @@
 #include <unistd.h>
 
 #include <android-base/file.h>
-#include <android-base/parseint.h>
-#include <android-base/strings.h>
 
 #include <algorithm>
 #include <atomic>
@@ -29,11 +27,12 @@
 #include "bpf/tavo_bpf_attach.h"
 #include "bpf/tavo_bpf_map.h"
 #include "service/tavo_bpf_service.h"
+#include "task/tavo_proc_reader.h"
 #include "tests/support/children.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/pump_object.h"
 #include "tests/support/test_env.h"
-#include "tests/support/wait.h"
+#include "tests/support/tavo_harness.h"
 #include "client/tavo_client.h"
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 #include "tools/tavo_vmcheck/tavo_spinning_pair.h"
@@ -54,16 +53,8 @@ constexpr uint64_t kBothGates = TAVO_STATUS_CORE_ENABLED | TAVO_STATUS_NORMAL_EN
 
 // What the kernel says of a process's anonymous memory, in bytes.
 int64_t RssAnonBytes(pid_t pid) {
-  std::string status;
-  android::base::ReadFileToString("/proc/" + std::to_string(pid) + "/status", &status);
-  for (const std::string& line : android::base::Split(status, "\n")) {
-    int64_t kb = 0;
-    if (android::base::StartsWith(line, "RssAnon:") &&
-        android::base::ParseInt(android::base::Trim(line.substr(8, line.size() - 11)), &kb)) {
-      return kb * 1024;
-    }
-  }
-  return -1;
+  TavoProcFacts facts;
+  return TavoProcReader().ReadProcess(std::to_string(pid).c_str(), &facts) ? facts.rssAnon : -1;
 }
 
 class Kernel : public ::testing::Test {

@@ -22,13 +22,12 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include "bpf/tavo_bpf_map.h"
 #include "bpf/tavo_bpf_pins.h"
 #include "bpf/tavo_bpf_records.h"
 #include "tests/support/children.h"
 #include "tests/support/tavoctl_child.h"
 #include "tests/support/test_env.h"
-#include "tests/support/wait.h"
+#include "tests/support/tavo_harness.h"
 
 namespace {
 
@@ -36,44 +35,6 @@ using tavo_test::Child;
 
 constexpr int64_t kMiB = 1 << 20;
 constexpr int kDeadlineMs = 30000;
-
-// The daemon as a child process, its log in a file.
-class Daemon {
- public:
-  explicit Daemon(std::string log) : log(std::move(log)) {}
-  ~Daemon() { Stop(); }
-
-  // Starts it and waits until both groups of programs are enabled.
-  bool Start() {
-    pid = fork();
-    if (pid == 0) {
-      const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-      dup2(fd, 2);
-      const std::string path = tavo_test::TavoBpfdPath();
-      execl(path.c_str(), path.c_str(), nullptr);
-      _exit(127);
-    }
-    const uint64_t both = TAVO_STATUS_CORE_ENABLED | TAVO_STATUS_NORMAL_ENABLED;
-    return tavo_test::WaitFor([&] { return (Flags() & both) == both; }, kDeadlineMs);
-  }
-  void Stop() {
-    if (pid <= 0) return;
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
-    pid = -1;
-  }
-
- private:
-  static uint64_t Flags() {
-    using Tavo::Bpf::TavoBpfMap;
-    auto status = TavoBpfMap<uint32_t, uint64_t>::OpenPinned(
-        Tavo::Bpf::PinnedMapPath(Tavo::Bpf::kBpfPinDir, Tavo::Bpf::kNormalObject, Tavo::Bpf::kRingbufStatusMap));
-    return status.ok() ? status->Lookup(TAVO_STATUS_FLAGS).value_or(0) : 0;
-  }
-
-  std::string log;
-  pid_t pid = -1;
-};
 
 // What a frame says: is the service reachable, and the rows in order.
 struct Seen {
@@ -177,8 +138,8 @@ class KernTopTest : public testing::Test {
 // 64 MiB, sorting by memory puts it first, it goes after it ends; the
 // service's absence shows, and clears when it is back.
 TEST_F(KernTopTest, ProcessesComeGrowSortAndGoAndServiceLossShows) {
-  Daemon daemon(dir + "/bpfd.log");
-  ASSERT_TRUE(daemon.Start()) << "daemon not ready; log in " << dir;
+  tavo_test::DaemonProcess daemon(tavo_test::TavoBpfdPath(), dir + "/bpfd.log");
+  ASSERT_TRUE(daemon.Start(kDeadlineMs)) << "daemon not ready; log in " << dir;
   ASSERT_EQ(Shell(tmux + "new-session -d -x 160 -y 50 'LANG=C.UTF-8 " + tavo_test::TavoctlPath() +
                   " top --sort pid' && echo ok"),
             "ok\n");
@@ -239,7 +200,7 @@ TEST_F(KernTopTest, ProcessesComeGrowSortAndGoAndServiceLossShows) {
   daemon.Stop();
   expectAll("service not reachable", [](const Seen& s, const View&) { return !s.reachable; });
   EXPECT_NE(Shell(tmux + "capture-pane -p").find("service: NOT REACHABLE"), std::string::npos);
-  ASSERT_TRUE(daemon.Start());
+  ASSERT_TRUE(daemon.Start(kDeadlineMs));
   expectAll("service back", [](const Seen& s, const View&) { return s.reachable; });
 
   Shell(tmux + "send-keys q");

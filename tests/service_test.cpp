@@ -13,7 +13,7 @@
 #include "service/tavo_bpf_service.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_env.h"
-#include "tests/support/wait.h"
+#include "tests/support/tavo_harness.h"
 #include "util/tavo_properties.h"
 #include "util/tavo_time.h"
 

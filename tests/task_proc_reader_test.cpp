@@ -30,7 +30,7 @@ class ProcFixture : public ::testing::Test {
   void SetUp() override {
     dir.Write("100/status", "Name:\tzygote\nUmask:\t0022\nState:\tS\nPPid:\t1\nUid:\t1000\t1000\t1000\t1000\n"
                             "VmSwap:\t       0 kB\nRssAnon:\t    4096 kB\nRssFile:\t    2048 kB\nRssShmem:\t 16 kB\n");
-    dir.Write("100/stat", Stat(100, "zygote", 12, 500));
+    dir.Write("100/stat", Stat(100, "zy) (g ote", 12, 500));  // a name with blanks and brackets
     dir.Write("200/status", "Name:\tshort\nPPid:\t100\n");
     dir.Write("200/stat", "200 (short) S 1 2 3\n");  // 21 pieces or fewer: no threads, no start
     dir.Write("self/status", "Name:\tnot a pid\n");
@@ -98,6 +98,18 @@ TEST_F(ProcFixture, ProcessInfoNamesAndDescriptors) {
   EXPECT_EQ(target, "/dmabuf:");
   EXPECT_EQ(reader.FdInfoPath("100", "3"), dir.path() + "/100/fdinfo/3");
   EXPECT_EQ(TavoProcReader::GetFdInode(reader.FdInfoPath("100", "3")), 777u);
+
+  // The service's socket: its listener and one accepted connection.
+  dir.Write("net/unix", "Num RefCount Protocol Flags Type St Inode Path\n"
+                        "0000: 00000002 00000000 00010000 0001 01 4711 @/svc\n"
+                        "0000: 00000003 00000000 00000000 0001 03 4712 @/svc\n"
+                        "0000: 00000002 00000000 00000000 0001 03 4713\n"
+                        "0000: 00000002 00000000 00010000 0001 01 4714 @/other\n");
+  std::set<unsigned long> inodes;
+  size_t connected = 0;
+  ASSERT_TRUE(reader.UnixSockets("/svc", &inodes, &connected));
+  EXPECT_EQ(inodes, (std::set<unsigned long>{4711, 4712}));
+  EXPECT_EQ(connected, 1u);
 }
 
 TEST(ProcParsers, OddLinesNeverThrowOrOverrun) {
@@ -123,11 +135,11 @@ TEST(ProcParsers, OddLinesNeverThrowOrOverrun) {
   EXPECT_EQ(TavoProcReader::GetFdSize("/nonexistent/fdinfo/3"), 0);
   EXPECT_EQ(log.Count("Unable to open /nonexistent/fdinfo/3", ANDROID_LOG_WARN), 1);
 
-  tavo_task_init_event r{};
+  TavoProcFacts r;
   const std::string status = "Name:\tabcdefghijklmnopqrstuvwxyz\nRssAnon:\t9223372036854775807 kB\nPPid:\t-5\n";
   TavoProcReader::ParseStatus(status.data(), status.data() + status.size(), &r);
   EXPECT_STREQ(r.comm, "abcdefghijklmno") << "at most 15 characters and a NUL";
-  EXPECT_EQ(r.rss_anon, INT64_MAX);
+  EXPECT_EQ(r.rssAnon, INT64_MAX);
   EXPECT_EQ(r.ppid, -5);
 }
 

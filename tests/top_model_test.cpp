@@ -7,7 +7,6 @@
 
 #include "tools/tavo_cli/tavoctl_top_format.h"
 #include "tools/tavo_cli/tavoctl_top_model.h"
-#include "tools/tavo_cli/tavoctl_top_proc.h"
 
 using namespace Tavo::Cli;
 using namespace Tavo::Client;
@@ -152,17 +151,6 @@ TEST(TopFormat, ColumnsDropFromTheRight) {
             "     1234       0      0 system_server    150  123 MiB        0        0        0  5.0 MiB");
   EXPECT_EQ(TopFormat::Size(123 * kMiB), "123 MiB");
   EXPECT_EQ(TopFormat::Size(1536 * kMiB), "1.5 GiB");
-}
-
-TEST(ProcReader, StatNameMayHoldBlanksAndParentheses) {
-  ProcessRow row;
-  uint64_t start = 0;
-  ASSERT_TRUE(ProcReader::ParseStat(
-      "42 (a) (b c) S 7 42 42 0 -1 4194560 100 0 0 0 1 2 0 0 20 0 3 0 12345 1000 100 0", &row, &start));
-  EXPECT_EQ(row.name, "a) (b c");
-  EXPECT_EQ(row.ppid, 7);
-  EXPECT_EQ(row.threads, 3u);
-  EXPECT_EQ(start, 12345u);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
-// Arbitrary text as a /proc status, stat and fdinfo file.
+// Arbitrary text as a /proc status, stat and net/unix file.
 #include <cstddef>
 #include <cstdint>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "task/tavo_proc_reader.h"
@@ -12,11 +14,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<char> text(data, data + size);
   const char* begin = text.data();
   const char* end = begin + text.size();
-  tavo_task_init_event record{};
-  TavoProcReader::ParseStatus(begin, end, &record);
-  TavoProcReader::ParseStat(begin, end, 1700000000, 100, &record);
+  TavoProcFacts facts;
+  TavoProcReader::ParseStatus(begin, end, &facts);
+  TavoProcReader::ParseStat(begin, end, &facts);
   UpdateProcessExdata info;
   TavoProcReader::ParseProcessInfo(begin, end, &info);
-  if (record.comm[15] != 0 || info.comm[15] != 0) __builtin_trap();  // names stay terminated
+  std::set<unsigned long> inodes;
+  size_t connected = 0;
+  TavoProcReader::ParseUnixSockets(std::string(begin, end), "/x", &inodes, &connected);
+  if (facts.comm[15] != 0 || info.comm[15] != 0) __builtin_trap();  // names stay terminated
   return 0;
 }

@@ -22,7 +22,7 @@
 #include "ipc/ipc_frame.h"
 #include "ipc/ipc_package_manager.h"
 #include "ipc/unix_ipc_manager.h"
-#include "tests/support/wait.h"
+#include "tests/support/tavo_harness.h"
 
 namespace tavo_test {
 

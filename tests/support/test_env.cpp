@@ -1,8 +1,6 @@
 #include "tests/support/test_env.h"
 
 #include <ftw.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,29 +14,15 @@ namespace tavo_test {
 
 namespace {
 TestEnv gEnv;
-
-bool IsDir(const char* path) {
-  struct stat st;
-  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
-}
 }  // namespace
 
 const TestEnv& Env() { return gEnv; }
 
 void SetUpIsolation() {
-  if (geteuid() != 0) {
-    gEnv.whyNot = "needs root for bpffs and tracefs";
-    return;
-  }
-  if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    gEnv.whyNot = std::string("private namespaces: ") + strerror(errno);
-    return;
-  }
-  gEnv.bpffs = mount("bpf", "/sys/fs/bpf", "bpf", 0, "mode=0700") == 0;
-  if (!gEnv.bpffs) gEnv.whyNot = std::string("mounting bpffs: ") + strerror(errno);
-  gEnv.tracefs = IsDir("/sys/kernel/tracing") && (access("/sys/kernel/tracing/events", F_OK) == 0 ||
-                                                  mount("tracefs", "/sys/kernel/tracing", "tracefs", 0, nullptr) == 0);
-  if (!gEnv.tracefs && gEnv.whyNot.empty()) gEnv.whyNot = "no tracefs";
+  const Isolation isolation = EnterPrivateNamespaces(true);
+  gEnv.bpffs = isolation.bpffs;
+  gEnv.tracefs = isolation.tracefs;
+  gEnv.whyNot = isolation.whyNot;
 }
 
 TempDir::TempDir() {

@@ -11,6 +11,8 @@
 
 #include <string>
 
+#include "tests/support/tavo_harness.h"
+
 namespace tavo_test {
 
 struct TestEnv {

@@ -80,17 +80,17 @@ class Feed {
     }
     if (reseed.exchange(false) || !seeded) {
       seeded = true;
-      model.Reseed([] { return ProcReader::Scan(NowMs()); });
+      model.Reseed([] { return TopProc::Scan(NowMs()); });
     }
     for (int32_t pid : model.TakeUnidentified(kIdentifyPerTick)) {
       ProcessRow row;
-      model.Identify(pid, ProcReader::Read(pid, NowMs(), &row) ? &row : nullptr);
+      model.Identify(pid, TopProc::Read(pid, NowMs(), &row) ? &row : nullptr);
     }
     const int64_t now = NowMs();
     if (now - clientsReadMs >= kClientsEveryMs || up != clientsUp) {
       clientsReadMs = now;
       clientsUp = up;
-      model.SetClients(up ? ProcReader::ServiceClients(socket_) : -1);
+      model.SetClients(up ? TopProc::ServiceClients(socket_) : -1);
     }
   }
 

@@ -1,116 +1,60 @@
 #include "tools/tavo_cli/tavoctl_top_proc.h"
 
-#include <dirent.h>
 #include <unistd.h>
 
-#include <android-base/file.h>
-#include <android-base/parseint.h>
-#include <android-base/strings.h>
-
 #include <algorithm>
-#include <memory>
+#include <set>
 
-#include "tools/tavo_cli/tavoctl_service_finder.h"
+#include "task/tavo_proc_reader.h"
 
 namespace Tavo::Cli {
 
 namespace {
 
-using android::base::ParseInt;
-using android::base::ParseUint;
-using android::base::ReadFileToString;
-using android::base::Split;
+using Tavo::Bpf::TavoProcFacts;
+using Tavo::Bpf::TavoProcReader;
 
-// Blank-separated words; runs of blanks count as one.
-std::vector<std::string> Words(const std::string& text) {
-  std::vector<std::string> words = Split(text, " \t");
-  words.erase(std::remove(words.begin(), words.end(), ""), words.end());
-  return words;
-}
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-
-int64_t UptimeMs() {
-  std::string text;
-  if (!ReadFileToString("/proc/uptime", &text)) return -1;
-  const std::vector<std::string> fields = Split(text, ". ");
-  uint64_t seconds = 0, hundredths = 0;
-  if (fields.size() < 2 || !ParseUint(fields[0], &seconds) || !ParseUint(fields[1], &hundredths)) return -1;
-  return static_cast<int64_t>(seconds * 1000 + hundredths * 10);
-}
-
-// "Name:\t  value kB" lines of /proc/PID/status: the real uid and the sizes.
-void ParseStatus(const std::string& text, ProcessRow* row) {
-  struct Size {
-    const char* key;
-    int64_t* bytes;
-  } sizes[] = {{"RssAnon:", &row->anon}, {"RssFile:", &row->file}, {"RssShmem:", &row->shmem},
-               {"VmSwap:", &row->swap}};
-  // Kernel threads have no memory lines: nothing resident.
-  for (const Size& s : sizes) *s.bytes = 0;
-  for (const std::string& line : Split(text, "\n")) {
-    const std::vector<std::string> fields = Words(line);
-    if (fields.size() < 2) continue;
-    if (fields[0] == "Uid:") ParseUint(fields[1], &row->uid);
-    for (const Size& s : sizes) {
-      int64_t kib = 0;
-      if (fields[0] == s.key && ParseInt(fields[1], &kib)) *s.bytes = kib * 1024;
-    }
-  }
-}
-
-bool ReadAt(int32_t pid, int64_t nowMs, int64_t uptimeMs, ProcessRow* row) {
-  const std::string dir = "/proc/" + std::to_string(pid);
-  std::string stat, status;
-  if (!ReadFileToString(dir + "/stat", &stat) || !ReadFileToString(dir + "/status", &status)) return false;
-  uint64_t startTicks = 0;
-  if (!ProcReader::ParseStat(stat, row, &startTicks)) return false;
-  ParseStatus(status, row);
+bool ReadAt(const TavoProcReader& reader, int32_t pid, const char* name, int64_t nowMs, int64_t uptimeMs,
+            ProcessRow* row) {
+  TavoProcFacts facts;
+  if (!reader.ReadProcess(name, &facts) || !facts.hasStat) return false;
   row->pid = pid;
-  const auto startMs = static_cast<int64_t>(startTicks * 1000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK)));
+  row->ppid = facts.ppid;
+  row->uid = facts.uid;
+  row->name = facts.comm;
+  row->threads = facts.threads;
+  // Kernel threads have no memory lines: nothing resident.
+  row->anon = facts.rssAnon;
+  row->file = facts.rssFile;
+  row->shmem = facts.rssShmem;
+  row->swap = facts.swap;
+  const auto startMs = static_cast<int64_t>(facts.startTicks * 1000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK)));
   row->startMs = uptimeMs < 0 ? nowMs : nowMs - std::max<int64_t>(uptimeMs - startMs, 0);
   return true;
 }
 
 }  // namespace
 
-bool ProcReader::ParseStat(const std::string& text, ProcessRow* row, uint64_t* startTicks) {
-  // "pid (name) state ppid ...": the name may hold blanks and parentheses,
-  // so it ends at the last ')'.
-  const size_t open = text.find('(');
-  const size_t close = text.rfind(')');
-  if (open == std::string::npos || close == std::string::npos || close < open) return false;
-  const std::vector<std::string> fields = Words(text.substr(close + 1));
-  // After the name: state is field 3, ppid 4, num_threads 20, starttime 22.
-  if (fields.size() < 20) return false;
-  row->name = text.substr(open + 1, close - open - 1);
-  return ParseInt(fields[1], &row->ppid) && ParseUint(fields[17], &row->threads) &&
-         ParseUint(fields[19], startTicks);
-}
-
-std::vector<ProcessRow> ProcReader::Scan(int64_t nowMs) {
+std::vector<ProcessRow> TopProc::Scan(int64_t nowMs) {
+  const TavoProcReader reader;
+  const int64_t uptimeMs = reader.UptimeMs();
   std::vector<ProcessRow> rows;
-  std::unique_ptr<DIR, DirCloser> proc(opendir("/proc"));
-  if (proc == nullptr) return rows;
-  const int64_t uptimeMs = UptimeMs();
-  while (dirent* entry = readdir(proc.get())) {
-    int32_t pid = 0;
+  reader.ForEachProcess([&](int32_t pid, const char* name) {
     ProcessRow row;
-    if (ParseInt(entry->d_name, &pid, 1) && ReadAt(pid, nowMs, uptimeMs, &row)) rows.push_back(std::move(row));
-  }
+    if (ReadAt(reader, pid, name, nowMs, uptimeMs, &row)) rows.push_back(std::move(row));
+  });
   return rows;
 }
 
-bool ProcReader::Read(int32_t pid, int64_t nowMs, ProcessRow* row) {
-  return ReadAt(pid, nowMs, UptimeMs(), row);
+bool TopProc::Read(int32_t pid, int64_t nowMs, ProcessRow* row) {
+  const TavoProcReader reader;
+  return ReadAt(reader, pid, std::to_string(pid).c_str(), nowMs, reader.UptimeMs(), row);
 }
 
-int ProcReader::ServiceClients(const std::string& path) {
-  std::string table;
-  if (!ReadFileToString("/proc/net/unix", &table)) return -1;
-  return static_cast<int>(ConnectedSockets(table, path));
+int TopProc::ServiceClients(const std::string& path) {
+  std::set<unsigned long> inodes;
+  size_t connected = 0;
+  return TavoProcReader().UnixSockets(path, &inodes, &connected) ? static_cast<int>(connected) : -1;
 }
 
 }  // namespace Tavo::Cli

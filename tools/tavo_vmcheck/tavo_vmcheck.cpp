@@ -51,6 +51,8 @@
 #include "bpf/tavo_bpf_pins.h"
 #include "bpf/tavo_bpf_records.h"
 #include "client/tavo_client.h"
+#include "task/tavo_proc_reader.h"
+#include "tests/support/tavo_harness.h"
 #include "tools/tavo_vmcheck/tavo_spinning_pair.h"
 #include "util/tavo_service_contract.h"
 
@@ -123,31 +125,11 @@ size_t Count(const std::vector<Event>& events, const std::function<bool(const T&
   return All<T>(events, keep).size();
 }
 
-uint64_t StatusFlags(const char* object) {
-  auto status = Tavo::Bpf::TavoBpfMap<uint32_t, uint64_t>::OpenPinned(
-      Tavo::Bpf::PinnedMapPath(kBpfPinDir, object, Tavo::Bpf::kRingbufStatusMap));
-  return status.ok() ? status->Lookup(TAVO_STATUS_FLAGS).value_or(0) : 0;
-}
-
 bool Wait(const std::function<bool()>& done, int ms) {
-  for (int waited = 0; waited < ms; waited += 50) {
-    if (done()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-  return done();
+  return tavo_test::WaitFor(done, ms, std::chrono::milliseconds(50));
 }
 
-// Text symbols of the running kernel.
-std::set<std::string> KernelFunctions() {
-  std::string text;
-  android::base::ReadFileToString("/proc/kallsyms", &text);
-  std::set<std::string> names;
-  for (const std::string& line : android::base::Split(text, "\n")) {
-    const std::vector<std::string> f = android::base::Split(line, " ");
-    if (f.size() >= 3 && (f[1] == "t" || f[1] == "T")) names.insert(f[2]);
-  }
-  return names;
-}
+std::set<std::string> KernelFunctions() { return Tavo::Bpf::TavoProcReader().KernelFunctions(); }
 
 // ---- rows ---------------------------------------------------------------
 
@@ -503,33 +485,6 @@ void CheckDmabuf(Collector& events, const RowCounts& rows, const std::string& ex
                               buffers["B"].mapper, notices));
 }
 
-// ---- daemon ------------------------------------------------------------------
-
-pid_t StartDaemon(const std::string& bpfd, const std::string& log, const std::string& attachReport) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    unique_fd fd(open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (fd < 0) _exit(126);
-    dup2(fd.get(), STDOUT_FILENO);
-    dup2(fd.get(), STDERR_FILENO);
-    execl(bpfd.c_str(), bpfd.c_str(), "--attach-report", attachReport.c_str(), nullptr);
-    _exit(127);
-  }
-  return pid;
-}
-
-bool StopDaemon(pid_t pid) {
-  kill(pid, SIGTERM);
-  int status = 0;
-  for (int i = 0; i < 600; ++i) {
-    if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    usleep(50 * 1000);
-  }
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
-  return false;
-}
-
 int Usage() {
   fprintf(stderr, "usage: tavo_vmcheck [--bpfd PATH] [--exerciser PATH] [--log PATH]\n");
   return 2;
@@ -559,11 +514,9 @@ int main(int argc, char** argv) {
   unlink(attachReport.c_str());
 
   Result result;
-  const pid_t daemon = StartDaemon(bpfd, log, attachReport);
-  const uint64_t both = TAVO_STATUS_CORE_ENABLED | TAVO_STATUS_NORMAL_ENABLED;
-  const bool up = Wait([&] {
-    return (StatusFlags(kNormal) & both) == both && (StatusFlags(kGpl) & both) == both;
-  }, 120000);
+  unlink(log.c_str());
+  tavo_test::DaemonProcess daemon(bpfd, log, {"--attach-report", attachReport});
+  const bool up = daemon.Start(120000);
   Collector events;
   TavoClient client([&events](const Event& e) { events.Add(e); });
   int rc = -1;
@@ -582,7 +535,7 @@ int main(int argc, char** argv) {
     std::string text;
     android::base::ReadFileToString(log, &text);
     fprintf(stderr, "%s", text.c_str());
-    StopDaemon(daemon);
+    daemon.Stop();
     printf("vmcheck: rows attached 0, skipped by version 0, failed 0; dma-buf notices 0\n");
     return 1;
   }
@@ -594,7 +547,7 @@ int main(int argc, char** argv) {
   CheckDmabuf(events, rows, exerciser, &result);
   const size_t notices = Count<DmabufTotalNotice>(events.Settle(0), [](auto&) { return true; });
   client.Close();
-  result.Report("stop", StopDaemon(daemon) ? "" : "the daemon did not stop cleanly on SIGTERM");
+  result.Report("stop", daemon.Stop() ? "" : "the daemon did not stop cleanly on SIGTERM");
   printf("vmcheck: rows attached %d, skipped by version %d, failed %d; dma-buf notices %zu\n", rows.attached,
          rows.skipped, rows.failed, notices);
   return result.failed == 0 ? 0 : 1;
