@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <android-base/parseint.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -24,15 +26,16 @@ void* Nothing(void*) { return nullptr; }
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3 && argc != 4) {
+  long n = 0;
+  long pauseUs = 0;
+  if ((argc != 3 && argc != 4) || !android::base::ParseInt(argv[2], &n, 1L) ||
+      (argc == 4 && !android::base::ParseInt(argv[3], &pauseUs, 0L))) {
     fprintf(stderr, "usage: tavo_storm fork|thread|memory N [PAUSE_US]\n");
     return 2;
   }
   const bool threads = strcmp(argv[1], "thread") == 0;
   const bool memory = strcmp(argv[1], "memory") == 0;
-  const long n = strtol(argv[2], nullptr, 10);
-  const long pauseUs = argc == 4 ? strtol(argv[3], nullptr, 10) : 0;
-  if ((!threads && !memory && strcmp(argv[1], "fork") != 0) || n <= 0) return 2;
+  if (!threads && !memory && strcmp(argv[1], "fork") != 0) return 2;
   constexpr size_t kChurnBytes = 256 << 10;
   prctl(PR_SET_NAME, "tavo_storm");
   const auto start = std::chrono::steady_clock::now();

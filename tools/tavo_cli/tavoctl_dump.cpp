@@ -15,6 +15,7 @@
 #include "tools/tavo_cli/tavoctl_commands.h"
 #include "tools/tavo_cli/tavoctl_service_finder.h"
 #include "client/tavo_client.h"
+#include "util/tavo_options.h"
 #include "util/tavo_service_contract.h"
 
 namespace Tavo::Cli {
@@ -72,72 +73,69 @@ void SleepMs(long ms) {
   }
 }
 
-bool ParseNumber(const char* text, long* value) {
-  char* end = nullptr;
-  errno = 0;
-  *value = strtol(text, &end, 10);
-  return errno == 0 && end != text && *end == '\0' && *value > 0;
+struct DumpArgs {
+  std::vector<std::string> what;
+  long pid = -1;
+  long timeoutSec = 5;
+  std::string socket = Tavo::Client::kServiceSocket;
+  std::string dir = kDumpDir;
+};
+
+Tavo::Bpf::TavoOptions DumpOptions(DumpArgs* args) {
+  Tavo::Bpf::TavoOptions options("tavoctl dump", "WHAT [--pid PID] [--timeout SECONDS] [--socket NAME] [--dir DIR]");
+  options.Number("--pid", &args->pid, "PID",
+                 "the service's process (default: the holder of the socket, else a process named tavo_bpfd or tavo_host)",
+                 1L)
+      .Number("--timeout", &args->timeoutSec, "SECONDS", "how long to wait for the file (default 5)", 1L)
+      .Text("--socket", &args->socket, "NAME",
+            std::string("the service's socket (default ") + Tavo::Client::kServiceSocket + ")")
+      .Text("--dir", &args->dir, "DIR", std::string("the service's dump folder (default ") + kDumpDir + ")")
+      .Positionals(&args->what)
+      .Epilog(std::string("Makes the service write a dump and prints it. WHAT is one of:\n"
+                          "  tasks                  all tracked tasks, full columns        (signal 51)\n"
+                          "  tasks-nonkernel        tasks with memory, full columns        (signal 52)\n"
+                          "  tasks-short            all tracked tasks, short columns       (signal 53)\n"
+                          "  tasks-short-nonkernel  tasks with memory, short columns       (signal 54)\n"
+                          "  counters               per-second event counts, CSV           (signal 50)\n"
+                          "\n"
+                          "Task dumps are read from DIR/") +
+              kTaskDump + ", counters from DIR/" + kCounterDump + ".\n");
+  return options;
 }
 
 }  // namespace
 
 void PrintDumpHelp(bool toStderr) {
-  fprintf(toStderr ? stderr : stdout,
-          "usage: tavoctl dump WHAT [--pid PID] [--timeout SECONDS] [--socket NAME] [--dir DIR]\n"
-          "\n"
-          "Makes the service write a dump and prints it. WHAT is one of:\n"
-          "  tasks                  all tracked tasks, full columns        (signal 51)\n"
-          "  tasks-nonkernel        tasks with memory, full columns        (signal 52)\n"
-          "  tasks-short            all tracked tasks, short columns       (signal 53)\n"
-          "  tasks-short-nonkernel  tasks with memory, short columns       (signal 54)\n"
-          "  counters               per-second event counts, CSV           (signal 50)\n"
-          "\n"
-          "Task dumps are read from DIR/%s, counters from DIR/%s.\n"
-          "\n"
-          "Options:\n"
-          "  --pid PID          the service's process (default: the holder of the\n"
-          "                     socket, else a process named tavo_bpfd or tavo_host)\n"
-          "  --timeout SECONDS  how long to wait for the file (default 5)\n"
-          "  --socket NAME      the service's socket (default %s)\n"
-          "  --dir DIR          the service's dump folder (default %s)\n",
-          kTaskDump, kCounterDump, Tavo::Client::kServiceSocket, kDumpDir);
+  DumpArgs args;
+  DumpOptions(&args).PrintHelp(toStderr ? stderr : stdout);
 }
 
 int DumpCommand(int argc, char** argv) {
+  DumpArgs args;
+  switch (DumpOptions(&args).Parse(argc, argv)) {
+    case Tavo::Bpf::TavoOptions::Result::kHelp: return 0;
+    case Tavo::Bpf::TavoOptions::Result::kError: return 2;
+    case Tavo::Bpf::TavoOptions::Result::kOk: break;
+  }
   const DumpKind* kind = nullptr;
-  long pid = -1;
-  long timeoutSec = 5;
-  std::string socket = Tavo::Client::kServiceSocket;
-  std::string dir = kDumpDir;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      PrintDumpHelp(false);
-      return 0;
-    } else if ((arg == "--socket" || arg == "--dir") && i + 1 < argc) {
-      (arg == "--socket" ? socket : dir) = argv[++i];
-    } else if (arg == "--pid" || arg == "--timeout") {
-      long value = 0;
-      if (i + 1 >= argc || !ParseNumber(argv[i + 1], &value)) {
-        fprintf(stderr, "tavoctl: %s wants a positive number\n", arg.c_str());
-        return 2;
-      }
-      (arg == "--pid" ? pid : timeoutSec) = value;
-      ++i;
-    } else if (kind == nullptr) {
-      for (const DumpKind& k : kKinds) {
-        if (arg == k.name) kind = &k;
-      }
-      if (kind == nullptr) {
-        fprintf(stderr, "tavoctl: unknown dump '%s'\n", arg.c_str());
-        PrintDumpHelp(true);
-        return 2;
-      }
-    } else {
-      fprintf(stderr, "tavoctl: unexpected argument '%s'\n", arg.c_str());
+  for (const std::string& word : args.what) {
+    if (kind != nullptr) {
+      fprintf(stderr, "tavoctl: unexpected argument '%s'\n", word.c_str());
+      return 2;
+    }
+    for (const DumpKind& k : kKinds) {
+      if (word == k.name) kind = &k;
+    }
+    if (kind == nullptr) {
+      fprintf(stderr, "tavoctl: unknown dump '%s'\n", word.c_str());
+      PrintDumpHelp(true);
       return 2;
     }
   }
+  long pid = args.pid;
+  const long timeoutSec = args.timeoutSec;
+  const std::string& socket = args.socket;
+  const std::string& dir = args.dir;
   if (kind == nullptr) {
     PrintDumpHelp(true);
     return 2;

@@ -6,7 +6,6 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <android-base/parseint.h>
 #include <android-base/unique_fd.h>
 
 #include <atomic>
@@ -22,6 +21,7 @@
 #include "tools/tavo_cli/tavoctl_top_model.h"
 #include "tools/tavo_cli/tavoctl_top_proc.h"
 #include "tools/tavo_cli/tavoctl_top_screen.h"
+#include "util/tavo_options.h"
 #include "client/tavo_client.h"
 
 namespace Tavo::Cli {
@@ -207,63 +207,44 @@ int RunScreen(Feed& feed, Options options, int signals) {
   }
 }
 
+Tavo::Bpf::TavoOptions TopOptions(Options* options) {
+  Tavo::Bpf::TavoOptions parser("tavoctl top", "[--sort KEY] [--batch [--iterations N]] [--json] [--socket NAME]");
+  parser
+      .Value("--sort", [options](const std::string& v) { return TopFormat::ParseSortKey(v, &options->view.sort); },
+             "KEY", "memory (default), dmabuf, threads, pid or swap", "memory, dmabuf, threads, pid or swap")
+      .Flag("--batch", &options->batch, "plain-text frames on stdout, one a second, like top -b")
+      .Number("--iterations", &options->iterations, "N", "with --batch or --json: stop after N frames", uint64_t{1})
+      .Flag("--json", &options->json, "one JSON object per frame and line (sizes in bytes)")
+      .Text("--socket", &options->socket, "NAME",
+            std::string("the service's socket (default ") + Client::kServiceSocket + ")")
+      .Epilog("Shows the processes as the service sees them: pid, ppid, uid, name,\n"
+              "threads, resident memory (anonymous, file, shared), swap, dma-buf and\n"
+              "age, with the service's notices per second over the last minute.\n"
+              "The table starts from /proc and follows the service's notices.\n"
+              "\n"
+              "Keys: m memory, d dma-buf, t threads, p pid, s swap (sort), / filter by\n"
+              "name (Enter applies, Esc cancels), space pause, q quit.\n"
+              "\n"
+              "Exit status: 0 after q, an interrupt or the last frame, 1 when stdout\n"
+              "fails, 2 for bad arguments.\n");
+  return parser;
+}
+
 }  // namespace
 
 void PrintTopHelp(bool toStderr) {
-  fprintf(toStderr ? stderr : stdout,
-          "usage: tavoctl top [--sort KEY] [--batch [--iterations N]] [--json] [--socket NAME]\n"
-          "\n"
-          "Shows the processes as the service sees them: pid, ppid, uid, name,\n"
-          "threads, resident memory (anonymous, file, shared), swap, dma-buf and\n"
-          "age, with the service's notices per second over the last minute.\n"
-          "The table starts from /proc and follows the service's notices.\n"
-          "\n"
-          "Keys: m memory, d dma-buf, t threads, p pid, s swap (sort), / filter by\n"
-          "name (Enter applies, Esc cancels), space pause, q quit.\n"
-          "\n"
-          "Options:\n"
-          "  --sort KEY        memory (default), dmabuf, threads, pid or swap\n"
-          "  --batch           plain-text frames on stdout, one a second, like top -b\n"
-          "  --iterations N    with --batch or --json: stop after N frames\n"
-          "  --json            one JSON object per frame and line (sizes in bytes)\n"
-          "  --socket NAME     the service's socket (default %s)\n"
-          "\n"
-          "Exit status: 0 after q, an interrupt or the last frame, 1 when stdout\n"
-          "fails, 2 for bad arguments.\n",
-          Client::kServiceSocket);
+  Options options;
+  TopOptions(&options).PrintHelp(toStderr ? stderr : stdout);
 }
 
 int TopCommand(int argc, char** argv) {
   Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      PrintTopHelp(false);
-      return 0;
-    } else if (arg == "--batch" || arg == "-b") {
-      options.batch = true;
-    } else if (arg == "--json") {
-      options.json = options.batch = true;
-    } else if (arg == "--iterations" || arg == "-n") {
-      if (i + 1 >= argc || !android::base::ParseUint(argv[i + 1], &options.iterations) || options.iterations == 0) {
-        fprintf(stderr, "tavoctl: --iterations wants a positive number\n");
-        return 2;
-      }
-      ++i;
-    } else if (arg == "--socket" && i + 1 < argc) {
-      options.socket = argv[++i];
-    } else if (arg == "--sort") {
-      if (i + 1 >= argc || !TopFormat::ParseSortKey(argv[i + 1], &options.view.sort)) {
-        fprintf(stderr, "tavoctl: --sort wants memory, dmabuf, threads, pid or swap\n");
-        return 2;
-      }
-      ++i;
-    } else {
-      fprintf(stderr, "tavoctl: unexpected argument '%s'\n", arg.c_str());
-      PrintTopHelp(true);
-      return 2;
-    }
+  switch (TopOptions(&options).Parse(argc, argv)) {
+    case Tavo::Bpf::TavoOptions::Result::kHelp: return 0;
+    case Tavo::Bpf::TavoOptions::Result::kError: return 2;
+    case Tavo::Bpf::TavoOptions::Result::kOk: break;
   }
+  options.batch = options.batch || options.json;
   if (!options.batch && options.iterations != 0) {
     fprintf(stderr, "tavoctl: --iterations goes with --batch or --json\n");
     return 2;

@@ -13,6 +13,7 @@
 #include "client/tavo_client.h"
 #include "client/tavo_event_format.h"
 #include "util/tavo_event_names.h"
+#include "util/tavo_options.h"
 
 namespace Tavo::Cli {
 
@@ -32,7 +33,16 @@ bool StopRequested(const sigset_t& stopSignals, long ms) {
 
 }  // namespace
 
-void PrintWatchHelp(bool toStderr) {
+namespace {
+
+struct WatchArgs {
+  bool json = false;
+  bool wait = false;
+  std::vector<std::string> events;
+  TavoClient::Options client;
+};
+
+Tavo::Bpf::TavoOptions WatchOptions(WatchArgs* args) {
   // The raw type names, from the one table, wrapped at about 76 columns.
   std::string rawNames;
   size_t column = 28;
@@ -45,50 +55,50 @@ void PrintWatchHelp(bool toStderr) {
     rawNames += " " + name;
     column += 1 + name.size();
   }
-  fprintf(toStderr ? stderr : stdout,
-          "usage: tavoctl watch [--json] [--wait] [--socket NAME] [EVENT...]\n"
-          "\n"
-          "Subscribes to the given events and prints one line per event until\n"
-          "interrupted (SIGINT or SIGTERM). Without EVENT, watches the notices.\n"
-          "\n"
-          "EVENT is a code or a name:\n"
-          "  start (50001)  end (50002)  threads (50003)  memory (50004)  dmabuf (50005)\n"
-          "  fork (2)  exit (3)  rss (1)\n"
-          "  the raw type names 0..14:%s\n"
-          "  notices (all 5000x), raw (0..14), all\n"
-          "\n"
-          "Options:\n"
-          "  --json         one JSON object per line instead of text\n"
-          "  --wait         keep trying to connect (every 5 s) instead of failing at once\n"
-          "  --socket NAME  the service's socket (default %s)\n"
-          "\n"
-          "Exit status: 0 after an interrupt, 1 when the service is not running or\n"
-          "refuses a subscription, 2 for bad arguments.\n",
-          rawNames.c_str(), Tavo::Client::kServiceSocket);
+  Tavo::Bpf::TavoOptions options("tavoctl watch", "[--json] [--wait] [--socket NAME]");
+  options.Flag("--json", &args->json, "one JSON object per line instead of text")
+      .Flag("--wait", &args->wait, "keep trying to connect (every 5 s) instead of failing at once")
+      .Text("--socket", &args->client.socketPath, "NAME",
+            std::string("the service's socket (default ") + Tavo::Client::kServiceSocket + ")")
+      .Positionals(&args->events, "[EVENT...]")
+      .Epilog("Subscribes to the given events and prints one line per event until\n"
+              "interrupted (SIGINT or SIGTERM). Without EVENT, watches the notices.\n"
+              "\n"
+              "EVENT is a code or a name:\n"
+              "  start (50001)  end (50002)  threads (50003)  memory (50004)  dmabuf (50005)\n"
+              "  fork (2)  exit (3)  rss (1)\n"
+              "  the raw type names 0..14:" + rawNames + "\n"
+              "  notices (all 5000x), raw (0..14), all\n"
+              "\n"
+              "Exit status: 0 after an interrupt, 1 when the service is not running or\n"
+              "refuses a subscription, 2 for bad arguments.\n");
+  return options;
+}
+
+}  // namespace
+
+void PrintWatchHelp(bool toStderr) {
+  WatchArgs args;
+  WatchOptions(&args).PrintHelp(toStderr ? stderr : stdout);
 }
 
 int WatchCommand(int argc, char** argv) {
-  bool json = false;
-  bool wait = false;
+  WatchArgs args;
+  switch (WatchOptions(&args).Parse(argc, argv)) {
+    case Tavo::Bpf::TavoOptions::Result::kHelp: return 0;
+    case Tavo::Bpf::TavoOptions::Result::kError: return 2;
+    case Tavo::Bpf::TavoOptions::Result::kOk: break;
+  }
   std::vector<uint32_t> codes;
-  TavoClient::Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      PrintWatchHelp(false);
-      return 0;
-    } else if (arg == "--json") {
-      json = true;
-    } else if (arg == "--wait") {
-      wait = true;
-    } else if (arg == "--socket" && i + 1 < argc) {
-      options.socketPath = argv[++i];
-    } else if (!Tavo::Bpf::ResolveEventArgument(arg, &codes)) {
-      fprintf(stderr, "tavoctl: unknown event '%s'\n", arg.c_str());
+  for (const std::string& word : args.events) {
+    if (!Tavo::Bpf::ResolveEventArgument(word, &codes)) {
+      fprintf(stderr, "tavoctl: unknown event '%s'\n", word.c_str());
       PrintWatchHelp(true);
       return 2;
     }
   }
+  const bool json = args.json;
+  TavoClient::Options& options = args.client;
   if (codes.empty()) Tavo::Bpf::ResolveEventArgument("notices", &codes);
   std::vector<uint32_t> unique;
   for (uint32_t code : codes) {
@@ -105,7 +115,7 @@ int WatchCommand(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  options.waitForService = wait;
+  options.waitForService = args.wait;
   TavoClient client(
       [json](const Tavo::Client::Event& event) {
         const std::string clock = Tavo::Client::ClockNow();
@@ -131,7 +141,7 @@ int WatchCommand(int argc, char** argv) {
     fprintf(stderr, "tavoctl: service not running (no socket %s)\n", options.socketPath.c_str());
     return 1;
   }
-  if (wait) {
+  if (args.wait) {
     while (!client.IsConnected()) {
       if (StopRequested(stopSignals, 200)) return 0;
     }

@@ -7,10 +7,10 @@
 #include <android-base/properties.h>
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 
 #include "tavo_bpf_service_main.h"
+#include "util/tavo_options.h"
 #include "util/tavo_service_contract.h"
 
 namespace {
@@ -19,19 +19,12 @@ void OnSignal(int) { gStop = 1; }
 }  // namespace
 
 int main(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    if (strcmp(argv[i], "--prop") == 0 && i + 1 < argc) {
-      const std::string arg = argv[++i];
-      const size_t eq = arg.find('=');
-      if (eq == std::string::npos) {
-        fprintf(stderr, "tavo_host: --prop wants name=value\n");
-        return 2;
-      }
-      android::base::SetProperty(arg.substr(0, eq), arg.substr(eq + 1));
-    } else {
-      fprintf(stderr, "usage: tavo_host [--prop name=value]...\n");
-      return 2;
-    }
+  Tavo::Bpf::TavoOptions options("tavo_host", "[--prop NAME=VALUE]...");
+  options.Properties();
+  switch (options.Parse(argc, argv)) {
+    case Tavo::Bpf::TavoOptions::Result::kHelp: return 0;
+    case Tavo::Bpf::TavoOptions::Result::kError: return 2;
+    case Tavo::Bpf::TavoOptions::Result::kOk: break;
   }
   // Nobody sets the kernel version on a host; the version rules need it.
   if (android::base::GetProperty(Tavo::Bpf::kKernelVersionProperty, "").empty()) {
