@@ -74,7 +74,7 @@ for round in $(seq "$ROUNDS"); do
   kill -INT $bg; wait $bg 2>/dev/null || true; bg=""
 
   # (c) the daemon and one subscriber
-  start_daemon "$work/bpfd.log"
+  peer_start_daemon "$work/bpfd.log"
   bg=$daemon
   for kind in fork thread; do
     coproc SUB { exec "$B/bench/tavo_bench_subscriber" "$work/client.out"; }

@@ -33,7 +33,7 @@ prog_delta() {
     {dc = $2 - c[$1]; dt = $3 - t[$1]; if (dc > 0) printf "  %-32s %9d runs %7.2f per op %8.0f ns/run %8.0f ns/op\n", $1, dc, dc / n, dt / dc, dt / n}' "$1" "$2"
 }
 
-start_daemon "$work/bpfd.log"
+peer_start_daemon "$work/bpfd.log"
 pids+=("$daemon")
 coproc SUB { exec "$B/bench/tavo_bench_subscriber" "$work/client.out"; }
 pids+=("$SUB_PID")

@@ -10,15 +10,13 @@ N=${1:-20000}
 IDLE=${2:-20}
 B=build/release
 [ "$(id -u)" = 0 ] || { echo "top_cpu: needs root" >&2; exit 1; }
-if [ -z "${TAVO_TOP_BENCH_INNER:-}" ]; then
+. scripts/lib/service.sh
+if [ -z "${TAVO_PRIVATE_NS:-}" ]; then
   scripts/install-deps.sh
   cmake --preset release >/dev/null
   cmake --build --preset release --target tavo_bpfd tavoctl tavo_storm >/dev/null
-  exec env TAVO_TOP_BENCH_INNER=1 unshare --mount --net "$0" "$@"
 fi
-mount --make-rprivate /
-mount -t bpf bpf /sys/fs/bpf
-[ -e /sys/kernel/tracing/events ] || mount -t tracefs tracefs /sys/kernel/tracing
+enter_private_namespaces "$PWD/bench/top_cpu.sh" "$@"
 
 work=$(mktemp -d /tmp/tavo_top_bench.XXXXXX)
 tmux="tmux -S $work/tmux.sock"
@@ -30,9 +28,7 @@ cleanup() {
 }
 trap cleanup EXIT
 
-"$B/tools/tavo_bpfd/tavo_bpfd" 2>"$work/bpfd.log" &
-daemon=$!
-for _ in $(seq 100); do grep -q '@/mnt/bpfframework/tavobpfdispatcher' /proc/net/unix && break; sleep 0.1; done
+start_daemon "$B" "$work/bpfd.log"
 sleep 2  # programs attached, start-up scan done
 $tmux new-session -d -x 160 -y 50 "exec env LANG=C.UTF-8 $PWD/$B/tools/tavo_cli/tavoctl top"
 top=$($tmux display -p '#{pane_pid}')

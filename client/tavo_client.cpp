@@ -32,23 +32,23 @@ using Tavo::Bpf::kRequestCommandOffset;
 using Tavo::Bpf::kRequestCommandWidth;
 using Tavo::Bpf::kUnregisterEventMonitor;
 
-// One plain connect to the abstract socket, to tell "not running" at once
-// (the socket layer's own connect retries for ever).
-int ProbeService(const std::string& path) {
+}  // namespace
+
+// The socket layer's own connect retries for ever; this tells "not
+// running" at once.
+bool ServiceListening(const std::string& path) {
   android::base::unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (fd < 0) return -1;
+  if (fd < 0) return false;
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   if (path.size() + 1 > sizeof(addr.sun_path)) {
     errno = ENAMETOOLONG;
-    return -1;
+    return false;
   }
   memcpy(addr.sun_path + 1, path.data(), path.size());  // sun_path[0] = 0: abstract
   const auto len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + path.size());
-  return ::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), len) == 0 ? 0 : -1;
+  return ::connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), len) == 0;
 }
-
-}  // namespace
 
 // The socket layer in client mode; its connect() is the one place that knows
 // a (re)connection has just been made.
@@ -100,7 +100,7 @@ int TavoClient::Connect() {
     errno = EALREADY;
     return -1;
   }
-  if (!options_.waitForService && ProbeService(options_.socketPath) != 0) return -1;
+  if (!options_.waitForService && !ServiceListening(options_.socketPath)) return -1;
   IpcHandlerState handlers;
   // Partial frames move to the front before each read; a broken stream
   // closes the connection, and the layer connects anew.

@@ -30,6 +30,10 @@ namespace Tavo::Client {
 
 inline constexpr const char* kServiceSocket = Tavo::Bpf::kServiceSocketName;
 
+// One plain connect to the abstract socket: whether a service listens there
+// now (false with errno, e.g. ECONNREFUSED, when none does).
+bool ServiceListening(const std::string& path = kServiceSocket);
+
 class TavoClient {
  public:
   using EventCallback = std::function<void(const Event&)>;

@@ -34,21 +34,11 @@ cleanup() {
 }
 trap cleanup EXIT INT TERM
 
-# tracefs is where the kernel's tracepoints are attached from.
-if [ ! -e /sys/kernel/tracing/events ]; then
-  mount -t tracefs tracefs /sys/kernel/tracing 2>/dev/null || true
-fi
-
-"$build/tools/tavo_bpfd/tavo_bpfd" 2>"$log" &
-daemon=$!
-
+. scripts/lib/service.sh
+ensure_mounts
 # The socket is up as soon as the service starts; the programs are attached
 # a moment later.
-for _ in $(seq 50); do
-  grep -q '@/mnt/bpfframework/tavobpfdispatcher' /proc/net/unix 2>/dev/null && break
-  kill -0 "$daemon" 2>/dev/null || { cat "$log" >&2; exit 1; }
-  sleep 0.1
-done
+start_daemon "$build" "$log"
 
 if [ "${1:-}" = top ]; then
   shift
