@@ -2,8 +2,8 @@
 // dumps on signals. Its kernel side is covered by kern_test.
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <unistd.h>
-
 
 #include <chrono>
 #include <cstring>
@@ -15,6 +15,7 @@
 #include "tests/support/test_env.h"
 #include "tests/support/tavo_harness.h"
 #include "util/tavo_properties.h"
+#include "util/tavo_service_contract.h"
 #include "util/tavo_time.h"
 
 using namespace Tavo::Bpf;
@@ -23,8 +24,8 @@ using tavo_test::WaitFor;
 
 namespace {
 
-constexpr const char* kDisable = "persist.sys.stability.bpfframework.disable";
-constexpr const char* kReady = "sys.tavo_bpf_ready";
+constexpr const char* kDisable = kDisableProperty;
+constexpr const char* kReady = kReadyProperty;
 
 TavoServiceOptions TestOptions(const tavo_test::TempDir& dir) {
   TavoServiceOptions options;
@@ -134,4 +135,19 @@ TEST(Service, DispatchCountsChecksFansOutThenHandles) {
   EXPECT_EQ(log.Count("[TavoBpfService] handleEvent ERROR!!! Type: 15", ANDROID_LOG_ERROR), 1);
   EXPECT_EQ(log.Count("[TavoBpfService] handleEvent ERROR!!! Type: 16", ANDROID_LOG_ERROR), 1);
   EXPECT_EQ(log.Count("[TavoBpfService] handleEvent short record! size: 15", ANDROID_LOG_ERROR), 1);
+}
+
+// Signals reach the process: each of its services dumps into its own folder.
+TEST(Service, EveryServiceOfTheProcessDumpsIntoItsOwnFolder) {
+  SetServiceProperty(kReady, "0");
+  tavo_test::TempDir first, second;
+  auto a = TavoBpfService::Create(TestOptions(first));
+  auto b = TavoBpfService::Create(TestOptions(second));
+  a->start();
+  b->start();
+  raise(kDumpSignalTasks);
+  for (const auto* dir : {&first, &second}) {
+    const std::string file = dir->path() + "/dumps/" + kTaskDumpFile;
+    EXPECT_TRUE(WaitFor([&] { return access(file.c_str(), F_OK) == 0; })) << file;
+  }
 }
