@@ -82,6 +82,15 @@ TavoOptions::Result TavoOptions::Parse(int argc, char** argv, int first) {
   return Result::kOk;
 }
 
+int TavoOptions::ParseOrStatus(int argc, char** argv, int first) {
+  switch (Parse(argc, argv, first)) {
+    case Result::kOk: return -1;
+    case Result::kHelp: return 0;
+    case Result::kError: break;
+  }
+  return 2;
+}
+
 void TavoOptions::PrintUsage(FILE* out) const {
   fprintf(out, "usage: %s %s\n", program_.c_str(), synopsis_.c_str());
 }

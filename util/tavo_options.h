@@ -59,6 +59,9 @@ class TavoOptions {
   // argv[first..]: kHelp after printing the help for -h or --help, kError
   // after one line on stderr.
   Result Parse(int argc, char** argv, int first = 1);
+  // Parse() for a program's main: -1 to go on, else the exit status (0
+  // after --help, 2 after an error).
+  int ParseOrStatus(int argc, char** argv, int first = 1);
   void PrintHelp(FILE* out) const;
   void PrintUsage(FILE* out) const;
   const std::string& program() const { return program_; }

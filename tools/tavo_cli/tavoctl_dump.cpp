@@ -112,11 +112,7 @@ void PrintDumpHelp(bool toStderr) {
 
 int DumpCommand(int argc, char** argv) {
   DumpArgs args;
-  switch (DumpOptions(&args).Parse(argc, argv)) {
-    case Tavo::Bpf::TavoOptions::Result::kHelp: return 0;
-    case Tavo::Bpf::TavoOptions::Result::kError: return 2;
-    case Tavo::Bpf::TavoOptions::Result::kOk: break;
-  }
+  if (const int status = DumpOptions(&args).ParseOrStatus(argc, argv); status >= 0) return status;
   const DumpKind* kind = nullptr;
   for (const std::string& word : args.what) {
     if (kind != nullptr) {

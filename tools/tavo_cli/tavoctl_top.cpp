@@ -239,11 +239,7 @@ void PrintTopHelp(bool toStderr) {
 
 int TopCommand(int argc, char** argv) {
   Options options;
-  switch (TopOptions(&options).Parse(argc, argv)) {
-    case Tavo::Bpf::TavoOptions::Result::kHelp: return 0;
-    case Tavo::Bpf::TavoOptions::Result::kError: return 2;
-    case Tavo::Bpf::TavoOptions::Result::kOk: break;
-  }
+  if (const int status = TopOptions(&options).ParseOrStatus(argc, argv); status >= 0) return status;
   options.batch = options.batch || options.json;
   if (!options.batch && options.iterations != 0) {
     fprintf(stderr, "tavoctl: --iterations goes with --batch or --json\n");

@@ -37,11 +37,7 @@ void PrintWaitHelp(bool toStderr) {
 
 int WaitCommand(int argc, char** argv) {
   WaitArgs args;
-  switch (WaitOptions(&args).Parse(argc, argv)) {
-    case Tavo::Bpf::TavoOptions::Result::kHelp: return 0;
-    case Tavo::Bpf::TavoOptions::Result::kError: return 2;
-    case Tavo::Bpf::TavoOptions::Result::kOk: break;
-  }
+  if (const int status = WaitOptions(&args).ParseOrStatus(argc, argv); status >= 0) return status;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(args.timeoutMs);
   while (!Client::ServiceListening(args.socket)) {
     if (std::chrono::steady_clock::now() >= deadline) return 1;

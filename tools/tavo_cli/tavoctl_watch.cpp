@@ -84,11 +84,7 @@ void PrintWatchHelp(bool toStderr) {
 
 int WatchCommand(int argc, char** argv) {
   WatchArgs args;
-  switch (WatchOptions(&args).Parse(argc, argv)) {
-    case Tavo::Bpf::TavoOptions::Result::kHelp: return 0;
-    case Tavo::Bpf::TavoOptions::Result::kError: return 2;
-    case Tavo::Bpf::TavoOptions::Result::kOk: break;
-  }
+  if (const int status = WatchOptions(&args).ParseOrStatus(argc, argv); status >= 0) return status;
   std::vector<uint32_t> codes;
   for (const std::string& word : args.events) {
     if (!Tavo::Bpf::ResolveEventArgument(word, &codes)) {

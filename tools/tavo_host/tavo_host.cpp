@@ -21,11 +21,7 @@ void OnSignal(int) { gStop = 1; }
 int main(int argc, char** argv) {
   Tavo::Bpf::TavoOptions options("tavo_host", "[--prop NAME=VALUE]...");
   options.Properties();
-  switch (options.Parse(argc, argv)) {
-    case Tavo::Bpf::TavoOptions::Result::kHelp: return 0;
-    case Tavo::Bpf::TavoOptions::Result::kError: return 2;
-    case Tavo::Bpf::TavoOptions::Result::kOk: break;
-  }
+  if (const int status = options.ParseOrStatus(argc, argv); status >= 0) return status;
   // Nobody sets the kernel version on a host; the version rules need it.
   if (android::base::GetProperty(Tavo::Bpf::kKernelVersionProperty, "").empty()) {
     utsname uts{};
