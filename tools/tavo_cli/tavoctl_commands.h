@@ -7,9 +7,5 @@ int WatchCommand(int argc, char** argv);  // argv[0] is "watch"
 int DumpCommand(int argc, char** argv);   // argv[0] is "dump"
 int TopCommand(int argc, char** argv);    // argv[0] is "top"
 int WaitCommand(int argc, char** argv);   // argv[0] is "wait"
-void PrintWatchHelp(bool toStderr);
-void PrintDumpHelp(bool toStderr);
-void PrintTopHelp(bool toStderr);
-void PrintWaitHelp(bool toStderr);
 
 }  // namespace Tavo::Cli

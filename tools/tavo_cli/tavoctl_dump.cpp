@@ -105,14 +105,10 @@ Tavo::Bpf::TavoOptions DumpOptions(DumpArgs* args) {
 
 }  // namespace
 
-void PrintDumpHelp(bool toStderr) {
-  DumpArgs args;
-  DumpOptions(&args).PrintHelp(toStderr ? stderr : stdout);
-}
-
 int DumpCommand(int argc, char** argv) {
   DumpArgs args;
-  if (const int status = DumpOptions(&args).ParseOrStatus(argc, argv); status >= 0) return status;
+  Tavo::Bpf::TavoOptions parser = DumpOptions(&args);
+  if (const int status = parser.ParseOrStatus(argc, argv); status >= 0) return status;
   const DumpKind* kind = nullptr;
   for (const std::string& word : args.what) {
     if (kind != nullptr) {
@@ -124,7 +120,7 @@ int DumpCommand(int argc, char** argv) {
     }
     if (kind == nullptr) {
       fprintf(stderr, "tavoctl: unknown dump '%s'\n", word.c_str());
-      PrintDumpHelp(true);
+      parser.PrintUsage(stderr);
       return 2;
     }
   }
@@ -133,7 +129,7 @@ int DumpCommand(int argc, char** argv) {
   const std::string& socket = args.socket;
   const std::string& dir = args.dir;
   if (kind == nullptr) {
-    PrintDumpHelp(true);
+    parser.PrintUsage(stderr);
     return 2;
   }
   if (pid < 0) pid = FindServicePid(socket);

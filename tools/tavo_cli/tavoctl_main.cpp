@@ -33,6 +33,15 @@ void DropLog(const __android_logger_data*, const char*) {}
 int main(int argc, char** argv) {
   const char* debug = getenv("TAVOCTL_DEBUG");
   if (debug == nullptr || strcmp(debug, "1") != 0) __android_log_set_logger(DropLog);
+  const struct {
+    const char* name;
+    int (*run)(int, char**);
+  } commands[] = {
+      {"watch", Tavo::Cli::WatchCommand},
+      {"dump", Tavo::Cli::DumpCommand},
+      {"top", Tavo::Cli::TopCommand},
+      {"wait", Tavo::Cli::WaitCommand},
+  };
   if (argc < 2) {
     PrintHelp(stderr);
     return 2;
@@ -43,23 +52,20 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (strcmp(command, "help") == 0) {
-    if (argc > 2 && strcmp(argv[2], "watch") == 0) {
-      Tavo::Cli::PrintWatchHelp(false);
-    } else if (argc > 2 && strcmp(argv[2], "dump") == 0) {
-      Tavo::Cli::PrintDumpHelp(false);
-    } else if (argc > 2 && strcmp(argv[2], "top") == 0) {
-      Tavo::Cli::PrintTopHelp(false);
-    } else if (argc > 2 && strcmp(argv[2], "wait") == 0) {
-      Tavo::Cli::PrintWaitHelp(false);
-    } else {
-      PrintHelp(stdout);
+    // "help COMMAND" is "COMMAND --help".
+    for (const auto& c : commands) {
+      if (argc > 2 && strcmp(argv[2], c.name) == 0) {
+        char help[] = "--help";
+        char* args[] = {argv[2], help, nullptr};
+        return c.run(2, args);
+      }
     }
+    PrintHelp(stdout);
     return 0;
   }
-  if (strcmp(command, "watch") == 0) return Tavo::Cli::WatchCommand(argc - 1, argv + 1);
-  if (strcmp(command, "dump") == 0) return Tavo::Cli::DumpCommand(argc - 1, argv + 1);
-  if (strcmp(command, "top") == 0) return Tavo::Cli::TopCommand(argc - 1, argv + 1);
-  if (strcmp(command, "wait") == 0) return Tavo::Cli::WaitCommand(argc - 1, argv + 1);
+  for (const auto& c : commands) {
+    if (strcmp(command, c.name) == 0) return c.run(argc - 1, argv + 1);
+  }
   fprintf(stderr, "tavoctl: unknown command '%s'\n", command);
   PrintHelp(stderr);
   return 2;

@@ -232,11 +232,6 @@ Tavo::Bpf::TavoOptions TopOptions(Options* options) {
 
 }  // namespace
 
-void PrintTopHelp(bool toStderr) {
-  Options options;
-  TopOptions(&options).PrintHelp(toStderr ? stderr : stdout);
-}
-
 int TopCommand(int argc, char** argv) {
   Options options;
   if (const int status = TopOptions(&options).ParseOrStatus(argc, argv); status >= 0) return status;

@@ -30,11 +30,6 @@ Tavo::Bpf::TavoOptions WaitOptions(WaitArgs* args) {
 
 }  // namespace
 
-void PrintWaitHelp(bool toStderr) {
-  WaitArgs args;
-  WaitOptions(&args).PrintHelp(toStderr ? stderr : stdout);
-}
-
 int WaitCommand(int argc, char** argv) {
   WaitArgs args;
   if (const int status = WaitOptions(&args).ParseOrStatus(argc, argv); status >= 0) return status;

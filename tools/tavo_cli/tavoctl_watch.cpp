@@ -77,19 +77,15 @@ Tavo::Bpf::TavoOptions WatchOptions(WatchArgs* args) {
 
 }  // namespace
 
-void PrintWatchHelp(bool toStderr) {
-  WatchArgs args;
-  WatchOptions(&args).PrintHelp(toStderr ? stderr : stdout);
-}
-
 int WatchCommand(int argc, char** argv) {
   WatchArgs args;
-  if (const int status = WatchOptions(&args).ParseOrStatus(argc, argv); status >= 0) return status;
+  Tavo::Bpf::TavoOptions parser = WatchOptions(&args);
+  if (const int status = parser.ParseOrStatus(argc, argv); status >= 0) return status;
   std::vector<uint32_t> codes;
   for (const std::string& word : args.events) {
     if (!Tavo::Bpf::ResolveEventArgument(word, &codes)) {
       fprintf(stderr, "tavoctl: unknown event '%s'\n", word.c_str());
-      PrintWatchHelp(true);
+      parser.PrintUsage(stderr);
       return 2;
     }
   }
