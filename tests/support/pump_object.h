@@ -2,9 +2,8 @@
 // and pinned under an object name of the test's choosing.
 #pragma once
 
+#include <android-base/file.h>
 #include <bpf/libbpf.h>
-#include <limits.h>
-#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -16,10 +15,7 @@ namespace tavo_test {
 
 // A file in the folder of the running executable.
 inline std::string BesideExecutable(const std::string& relative) {
-  char path[PATH_MAX] = {};
-  const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
-  std::string dir(path, n > 0 ? static_cast<size_t>(n) : 0);
-  return dir.substr(0, dir.rfind('/') + 1) + relative;
+  return android::base::GetExecutableDirectory() + "/" + relative;
 }
 
 class PumpObject {
