@@ -17,6 +17,7 @@ void PrintHelp(FILE* out) {
           "  watch [--json] [--wait] [EVENT...]   print events as the service reports them\n"
           "  dump WHAT [--pid PID] [--timeout S]  make the service write a dump and print it\n"
           "  top [--sort KEY] [--batch] [--json]  the processes at a glance, kept current\n"
+          "  doctor [--json]                      what this kernel and system offer the service\n"
           "  help [COMMAND]                       this text, or a command's help\n"
           "\n"
           "'tavoctl COMMAND --help' tells more. Set TAVOCTL_DEBUG=1 to see the socket\n"
@@ -48,6 +49,8 @@ int main(int argc, char** argv) {
       Tavo::Cli::PrintDumpHelp(false);
     } else if (argc > 2 && strcmp(argv[2], "top") == 0) {
       Tavo::Cli::PrintTopHelp(false);
+    } else if (argc > 2 && strcmp(argv[2], "doctor") == 0) {
+      Tavo::Cli::PrintDoctorHelp(false);
     } else {
       PrintHelp(stdout);
     }
@@ -56,6 +59,7 @@ int main(int argc, char** argv) {
   if (strcmp(command, "watch") == 0) return Tavo::Cli::WatchCommand(argc - 1, argv + 1);
   if (strcmp(command, "dump") == 0) return Tavo::Cli::DumpCommand(argc - 1, argv + 1);
   if (strcmp(command, "top") == 0) return Tavo::Cli::TopCommand(argc - 1, argv + 1);
+  if (strcmp(command, "doctor") == 0) return Tavo::Cli::DoctorCommand(argc - 1, argv + 1);
   fprintf(stderr, "tavoctl: unknown command '%s'\n", command);
   PrintHelp(stderr);
   return 2;
