@@ -2,6 +2,7 @@
 // per requirement and per attach-table row, and an exit status that says
 // whether the service can run fully (0), with rows missing (1) or not at all (2).
 #include <bpf/libbpf.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/utsname.h>
@@ -46,7 +47,6 @@ constexpr const char* kTracefsDirs[] = {Tavo::Bpf::kTracefsDir, "/sys/kernel/deb
 constexpr const char* kKprobePmu = "/sys/bus/event_source/devices/kprobe";
 constexpr const char* kDmabufStatsDir = "/sys/kernel/dmabuf/buffers";
 constexpr const char* kDmabufStatsFunction = "dma_buf_stats_setup";
-constexpr unsigned long kBpfFsMagic = 0xcafe4a11;  // BPF_FS_MAGIC
 constexpr int kProbeTimeoutMs = 1000;
 
 // What a row's hook feeds, by hook.
@@ -163,7 +163,7 @@ class Doctor {
   void CheckBpffs() {
     struct statfs fs {};
     const char* dir = Tavo::Bpf::kBpfFsDir;
-    if (statfs(dir, &fs) == 0 && static_cast<unsigned long>(fs.f_type) == kBpfFsMagic) {
+    if (statfs(dir, &fs) == 0 && static_cast<unsigned long>(fs.f_type) == BPF_FS_MAGIC) {
       return Line("ok", "bpffs", std::string(dir) + ": the objects' programs and maps can be pinned there");
     }
     if (KnowsFilesystem("bpf")) {
