@@ -422,4 +422,16 @@ std::set<std::string> TavoProcReader::KernelFunctions() const {
   return names;
 }
 
+std::set<std::string> TavoProcReader::Filesystems() const {
+  std::string text;
+  std::set<std::string> types;
+  if (!android::base::ReadFileToString(root_ + "/filesystems", &text)) return types;
+  // "nodev\tbpf" or "\text4": the type is the last field.
+  for (const std::string& line : android::base::Split(text, "\n")) {
+    const size_t tab = line.rfind('\t');
+    if (tab != std::string::npos && tab + 1 < line.size()) types.insert(line.substr(tab + 1));
+  }
+  return types;
+}
+
 }  // namespace Tavo::Bpf

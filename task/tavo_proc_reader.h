@@ -98,6 +98,9 @@ class TavoProcReader {
   // Names of the kernel's text symbols (<root>/kallsyms): the functions a
   // kprobe can attach to.
   std::set<std::string> KernelFunctions() const;
+  // The file system types this kernel knows (<root>/filesystems): "bpf",
+  // "tracefs", whether mounted or not.
+  std::set<std::string> Filesystems() const;
 
   // The parsers, on text in memory (fixtures and fuzzing).
   static void ParseStatus(const char* begin, const char* end, TavoProcFacts* facts);

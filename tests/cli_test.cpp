@@ -9,6 +9,7 @@
 
 #include <android-base/unique_fd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -98,6 +99,22 @@ TEST_F(Cli, DumpsSignalTheServiceAndPrintTheFile) {
   }
 }
 
+TEST_F(Cli, DoctorSaysWhatThisKernelOffersAndWhetherRowsAreMissing) {
+  TAVO_REQUIRE_KERNEL();
+  const bool kprobes = access("/sys/bus/event_source/devices/kprobe", F_OK) == 0 ||
+                       access("/sys/kernel/tracing/kprobe_events", F_OK) == 0;
+  Tavoctl doctor({"doctor", "--socket", options.hub.socketPath, "--dir", dir.path()});
+  const int status = doctor.Finish();
+  const std::string& out = doctor.Out();
+  const std::vector<std::string> lines = {
+      "ok       btf ", kprobes ? "ok       kprobes " : "missing  kprobes ",
+      "ok       socket          @" + options.hub.socketPath + " is served by pid ",
+      kprobes ? "" : "missing  TavoBpfDefineset/enter_fd_install kprobe on fd_install"};
+  for (const std::string& line : lines) EXPECT_NE(out.find("\n" + line), std::string::npos) << line << "\n" << out;
+  // At most 1; exactly 1 without kprobes: their rows apply but cannot attach.
+  EXPECT_EQ(status, kprobes ? std::min(status, 1) : 1) << out;
+}
+
 TEST(CliAlone, ArgumentsHelpAndNoService) {
   const std::string socket = tavo_test::UniqueName("tavo_nobody");
   const struct {
@@ -112,6 +129,7 @@ TEST(CliAlone, ArgumentsHelpAndNoService) {
       {{"dump", "tasks", "--pid", "x"}, 2, "--pid wants a positive number"},
       {{"frobnicate"}, 2, "tavoctl: unknown command 'frobnicate'"},
       {{"help", "top"}, 0, "usage: tavoctl top"},
+      {{"doctor", "--bogus"}, 2, "usage: tavoctl doctor"},
       {{"top", "--sort", "cpu"}, 2, "--sort wants memory, dmabuf, threads, pid or swap"},
       {{"top", "--batch", "--iterations", "0"}, 2, "--iterations wants a positive number"},
       {{"top", "--iterations", "1"}, 2, "--iterations goes with --batch or --json"},

@@ -110,6 +110,8 @@ TEST_F(ProcFixture, ProcessInfoNamesAndDescriptors) {
   ASSERT_TRUE(reader.UnixSockets("/svc", &inodes, &connected));
   EXPECT_EQ(inodes, (std::set<unsigned long>{4711, 4712}));
   EXPECT_EQ(connected, 1u);
+  dir.Write("filesystems", "nodev\tbpf\n\text4\nnodev\ttracefs\n");
+  EXPECT_EQ(reader.Filesystems(), (std::set<std::string>{"bpf", "ext4", "tracefs"}));
 }
 
 TEST(ProcParsers, OddLinesNeverThrowOrOverrun) {

@@ -18,6 +18,7 @@ void PrintHelp(FILE* out) {
           "  dump WHAT [--pid PID] [--timeout S]  make the service write a dump and print it\n"
           "  top [--sort KEY] [--batch] [--json]  the processes at a glance, kept current\n"
           "  wait [--timeout-ms MS]               return once the service accepts connections\n"
+          "  doctor [--json]                      what this kernel and system offer the service\n"
           "  help [COMMAND]                       this text, or a command's help\n"
           "\n"
           "'tavoctl COMMAND --help' tells more. Set TAVOCTL_DEBUG=1 to see the socket\n"
@@ -41,6 +42,7 @@ int main(int argc, char** argv) {
       {"dump", Tavo::Cli::DumpCommand},
       {"top", Tavo::Cli::TopCommand},
       {"wait", Tavo::Cli::WaitCommand},
+      {"doctor", Tavo::Cli::DoctorCommand},
   };
   if (argc < 2) {
     PrintHelp(stderr);

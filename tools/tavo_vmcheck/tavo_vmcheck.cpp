@@ -5,6 +5,9 @@
 //   rows      every attach-table row attached, or skipped by version exactly
 //             as the tables say; a kprobe row may fail only where this kernel
 //             lacks the function (not in /proc/kallsyms)
+//   doctor    `tavoctl doctor` predicted for each row what the daemon did
+//             (ok: attached, skipped: skipped, missing: failed), and its
+//             exit status says whether rows are missing
 //   life      a child's fork, thread, memory and exit records and notices
 //   exits     children ending in several threads at once: one kind-1 exit
 //             record and one 50002 each
@@ -39,6 +42,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -50,6 +54,7 @@
 #include "bpf/tavo_bpf_map.h"
 #include "bpf/tavo_bpf_pins.h"
 #include "bpf/tavo_bpf_records.h"
+#include "bpf/tavo_bpf_row_check.h"
 #include "client/tavo_client.h"
 #include "task/tavo_proc_reader.h"
 #include "tests/support/tavo_harness.h"
@@ -193,6 +198,59 @@ RowCounts CheckRows(const std::string& reportPath, int rowsVersion, Result* resu
                  StringPrintf("%d rows: %d attached, %d skipped by version, %d failed", rows, counts.attached,
                               counts.skipped, counts.failed));
   return counts;
+}
+
+// ---- doctor ---------------------------------------------------------------
+
+// Runs `tavoctl doctor` beside the daemon and compares its verdict on each
+// row with the daemon's attach report.
+void CheckDoctor(const std::string& tavoctl, const std::string& reportPath, Result* result) {
+  using Tavo::Bpf::TavoBpfRowCheck;
+  std::string text;
+  android::base::ReadFileToString(reportPath, &text);
+  const Tavo::Bpf::BpfAttachReport report = Tavo::Bpf::ParseAttachReport(text);
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen((tavoctl + " doctor 2>&1").c_str(), "r"), pclose);
+  if (!pipe) return result->Report("doctor", "cannot run " + tavoctl);
+  std::string out;
+  char buf[4096];
+  for (size_t n; (n = fread(buf, 1, sizeof(buf), pipe.get())) > 0;) out.append(buf, n);
+  const int status = pclose(pipe.release());
+  const int exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+
+  std::map<std::string, Tavo::Bpf::BpfRowVerdict> predicted;  // "<object>/<progName>"
+  for (const std::string& line : android::base::Split(out, "\n")) {
+    const size_t blank = line.find(' ');
+    const size_t name = line.find_first_not_of(' ', blank);
+    Tavo::Bpf::BpfRowVerdict verdict;
+    if (name == std::string::npos || !TavoBpfRowCheck::ParseVerdictWord(line.substr(0, blank), &verdict)) continue;
+    const std::string row = line.substr(name, line.find(' ', name) - name);
+    if (row.find('/') != std::string::npos) predicted[row] = verdict;
+  }
+  std::string failure;
+  int missing = 0;
+  for (const Tavo::Bpf::BpfAttachResult& row : report) {
+    const std::string name = row.object + "/" + row.progName;
+    auto found = predicted.find(name);
+    if (found == predicted.end()) {
+      failure += " " + name + " is not in doctor's report;";
+      continue;
+    }
+    missing += found->second == Tavo::Bpf::BpfRowVerdict::kMissing;
+    if (!TavoBpfRowCheck::Agrees(found->second, row.verdict)) {
+      failure += StringPrintf(" %s: doctor said %s, the daemon %s;", name.c_str(),
+                              TavoBpfRowCheck::VerdictWord(found->second), Tavo::Bpf::AttachVerdictWord(row.verdict));
+    }
+    predicted.erase(found);
+  }
+  for (const auto& [name, verdict] : predicted) failure += " " + name + " is not in the attach report;";
+  if (report.empty()) failure += " no attach report;";
+  if (exitCode != (missing > 0 ? 1 : 0)) {
+    failure += StringPrintf(" exit status %d with %d rows missing;", exitCode, missing);
+  }
+  if (!failure.empty()) fprintf(stderr, "%s", out.c_str());
+  result->Report("doctor", failure,
+                 StringPrintf("%zu rows as the daemon attached them, %d missing, exit %d", report.size(), missing,
+                              exitCode));
 }
 
 // ---- process life cycle -----------------------------------------------------
@@ -541,6 +599,7 @@ int main(int argc, char** argv) {
   }
 
   const RowCounts rows = CheckRows(attachReport, rowsVersion, &result);
+  CheckDoctor(here + "/../tavo_cli/tavoctl", attachReport, &result);
   CheckLife(events, &result);
   CheckExits(events, &result);
   CheckOpenFds(rows, KernelFunctions(), &result);
