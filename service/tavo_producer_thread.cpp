@@ -40,11 +40,6 @@ bool TavoProducerThread::Launch(const std::function<void()>& body, std::chrono::
   return true;
 }
 
-bool TavoProducerThread::Running() {
-  MutexLock guard(lock_);
-  return thread_.joinable() && !done_->load();
-}
-
 void TavoProducerThread::Join() {
   std::thread thread;
   {
@@ -52,11 +47,6 @@ void TavoProducerThread::Join() {
     thread.swap(thread_);
   }
   if (thread.joinable()) thread.join();
-}
-
-int TavoProducerThread::relaunches() {
-  MutexLock guard(lock_);
-  return relaunches_;
 }
 
 }  // namespace Tavo::Bpf

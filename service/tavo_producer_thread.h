@@ -28,10 +28,8 @@ class TavoProducerThread {
   // end, doubling with each further relaunch up to 16 periods, and back to
   // one period after a run of ten periods. True when a thread was started.
   bool Launch(const std::function<void()>& body, std::chrono::milliseconds period) EXCLUDES(lock_);
-  bool Running() EXCLUDES(lock_);
   // Waits for a started thread to end.
   void Join() EXCLUDES(lock_);
-  int relaunches() EXCLUDES(lock_);
 
  private:
   const std::string name_;
