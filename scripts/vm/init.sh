@@ -1,8 +1,8 @@
 #!/bin/busybox sh
 # /init of a kernel-matrix VM (scripts/vmtest.sh): mounts what the service
-# and the tests need, loads vgem, runs the test binaries case by case (each
-# case in its own process, as CTest does), then the end-to-end check, prints
-# the one summary line and powers off.
+# and the tests need, loads vgem and vivid, runs the test binaries case by
+# case (each case in its own process, as CTest does), then the end-to-end
+# check, prints the one summary line and powers off.
 /bin/busybox --install -s /bin
 export PATH=/bin HOME=/tmp
 . /vmtest.conf
@@ -25,8 +25,9 @@ echo 1000 >/proc/sys/kernel/ns_last_pid
 
 release=$(uname -r)
 printf "\nvmtest: booted %s %s, %s CPUs\n" "$VM_ARCH" "$release" "$(nproc)"
-while read -r m; do
-  insmod "/modules/$m" || echo "vmtest: insmod $m failed"
+while read -r m params; do
+  # shellcheck disable=SC2086
+  insmod "/modules/$m" $params || echo "vmtest: insmod $m failed"
 done </modules.order
 
 # --- test binaries ------------------------------------------------------------
