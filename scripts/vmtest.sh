@@ -10,7 +10,7 @@
 # cached in $TAVO_VM_CACHE (default /var/cache/tavo-vmtest), logs and images
 # go to build/vmtest/. Each VM prints one line
 #   vmtest <arch> <release>: P passed, F failed, S skipped; rows attached A,
-#   skipped by version V, failed X; dma-buf notices N
+#   skipped by version V, failed X; dma-buf notices N; dma-buf types T...
 # and the script ends with "N passed, N failed" over all of them; it exits
 # 0 only when nothing failed. Needs root (it installs what is missing).
 set -euo pipefail

@@ -82,8 +82,10 @@ fi
 passed=$(grep -c '^PASS' $results)
 failed=$(grep -c '^FAIL' $results)
 skipped=$(grep -c '^SKIP' $results)
-rows=$(sed -n 's/^vmcheck: rows attached \([0-9]*\), skipped by version \([0-9]*\), failed \([0-9]*\); dma-buf notices \([0-9]*\)$/\1 \2 \3 \4/p' /tmp/vmcheck.out)
-set -- ${rows:-0 0 0 0}
-echo "vmtest $VM_ARCH $release: $passed passed, $failed failed, $skipped skipped; rows attached $1, skipped by version $2, failed $3; dma-buf notices $4"
+rows=$(sed -n 's/^vmcheck: rows attached \([0-9]*\), skipped by version \([0-9]*\), failed \([0-9]*\); dma-buf notices \([0-9]*\); dma-buf types \(.*\)$/\1 \2 \3 \4 \5/p' /tmp/vmcheck.out)
+set -- ${rows:-0 0 0 0 none}
+n1=$1 n2=$2 n3=$3 n4=$4
+shift 4
+echo "vmtest $VM_ARCH $release: $passed passed, $failed failed, $skipped skipped; rows attached $n1, skipped by version $n2, failed $n3; dma-buf notices $n4; dma-buf types $*"
 sync
 poweroff -f
