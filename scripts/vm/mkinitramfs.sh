@@ -3,12 +3,14 @@
 # as /init, the kernel's vgem and vivid modules, the project's binaries at
 # their build-tree paths (the tests name some files by absolute path) with
 # debug info stripped, and every shared library they need.
-#   mkinitramfs.sh ARCH BUILD_DIR KERNEL_DIR SUITE OUT.cpio
+#   mkinitramfs.sh ARCH BUILD_DIR KERNEL_DIR SUITE OUT.cpio [PROP=VALUE]
 #     ARCH arm64|x86_64; SUITE kernel (tests whose name matches
-#     $TAVO_VM_KERNEL_TESTS, default *kern*) or full (every test binary)
+#     $TAVO_VM_KERNEL_TESTS, default *kern*) or full (every test binary);
+#     PROP=VALUE: a property that chooses another family of attach-table
+#     rows, for a second run of the end-to-end check
 set -euo pipefail
 
-arch=$1 build=$(realpath "$2") kdir=$3 suite=$4 out=$5
+arch=$1 build=$(realpath "$2") kdir=$3 suite=$4 out=$5 rowsprop=${6:-}
 here=$(dirname "$(realpath "$0")")
 CACHE=${TAVO_VM_CACHE:-/var/cache/tavo-vmtest}
 
@@ -122,6 +124,7 @@ cat >"$stage/vmtest.conf" <<EOF
 VM_ARCH=$arch
 VM_BUILD=$build
 VM_SUITE=$suite
+VM_ROWS_PROP=$rowsprop
 VM_LIBPATH=/lib/$triplet:/usr/lib/$triplet:/usr/lib/$triplet/android
 EOF
 

@@ -1,10 +1,14 @@
 // tavo_vmcheck: end-to-end check of tavo_bpfd on the running kernel, for the
 // kernel-matrix VMs (scripts/vmtest.sh). Needs root, bpffs and tracefs.
-//   tavo_vmcheck [--bpfd PATH] [--exerciser PATH] [--log PATH]
-// Starts the daemon, subscribes as a client and checks:
+//   tavo_vmcheck [--bpfd PATH] [--exerciser PATH] [--log PATH] [--prop name=value]...
+// Starts the daemon (with the properties given, as tavo_bpfd --prop sets
+// them), subscribes as a client and checks:
 //   rows      every attach-table row attached, or skipped by version exactly
-//             as the tables say; a kprobe row may fail only where this kernel
-//             lacks the function (not in /proc/kallsyms)
+//             as the tables say for the version the daemon chooses rows by
+//             (the kernel's, or "ro.kernel.version" and
+//             "persist.sys.tavo_bpf.dmabuf_rows" when given); a kprobe row
+//             may fail only where this kernel lacks the function (not in
+//             /proc/kallsyms)
 //   life      a child's fork, thread, memory and exit records and notices
 //   exits     children ending in several threads at once: one kind-1 exit
 //             record and one 50002 each
@@ -535,7 +539,8 @@ void CheckDmabuf(Collector& events, const RowCounts& rows, const std::string& ex
     expect(Count<DmabufRecord>(seen, [](auto&) { return true; }) == 0, "dma-buf records although no row attached");
     expect(notices == 0, "50005 notices although no dma-buf row attached");
     Note("dma-buf: no dma-buf row applies to this kernel; the exerciser's buffers gave no records, as expected");
-    return result->Report("dmabuf", failure, StringPrintf("%zu buffers exercised, rows skipped by version", buffers.size()));
+    return result->Report("dmabuf", failure,
+                          StringPrintf("%zu buffers exercised, rows skipped by version", buffers.size()));
   }
   for (const auto& entry : buffers) {
     const std::string& name = entry.first;
@@ -593,7 +598,7 @@ void CheckDmabuf(Collector& events, const RowCounts& rows, const std::string& ex
 }
 
 int Usage() {
-  fprintf(stderr, "usage: tavo_vmcheck [--bpfd PATH] [--exerciser PATH] [--log PATH]\n");
+  fprintf(stderr, "usage: tavo_vmcheck [--bpfd PATH] [--exerciser PATH] [--log PATH] [--prop name=value]...\n");
   return 2;
 }
 
@@ -604,22 +609,37 @@ int main(int argc, char** argv) {
   std::string bpfd = here + "/../tavo_bpfd/tavo_bpfd";
   std::string exerciser = here + "/tavo_dmabuf_exerciser";
   std::string log = "/tmp/tavo_bpfd.log";
+  // The daemon's properties; the kernel's release unless they name another.
+  std::vector<std::string> daemonArgs;
+  utsname uts{};
+  uname(&uts);
+  std::string release = uts.release, dmabufRows;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (i + 1 >= argc) return Usage();
-    if (arg == "--bpfd") bpfd = argv[++i];
-    else if (arg == "--exerciser") exerciser = argv[++i];
-    else if (arg == "--log") log = argv[++i];
-    else return Usage();
+    const std::string value = argv[++i];
+    if (arg == "--bpfd") {
+      bpfd = value;
+    } else if (arg == "--exerciser") {
+      exerciser = value;
+    } else if (arg == "--log") {
+      log = value;
+    } else if (arg == "--prop") {
+      const size_t eq = value.find('=');
+      if (eq == std::string::npos || eq == 0) return Usage();
+      if (value.compare(0, eq, Tavo::Bpf::kKernelVersionProperty) == 0) release = value.substr(eq + 1);
+      if (value.compare(0, eq, Tavo::Bpf::kDmabufRowsProperty) == 0) dmabufRows = value.substr(eq + 1);
+      daemonArgs.insert(daemonArgs.end(), {"--prop", value});
+    } else {
+      return Usage();
+    }
   }
   setvbuf(stdout, nullptr, _IOLBF, 0);
-  // The rows the daemon chooses for this kernel (it reads the same uname).
-  utsname uts{};
-  uname(&uts);
-  const int rowsVersion = Tavo::Bpf::convertVersionToInt(uts.release);
+  // The rows the daemon chooses, the way it chooses them.
+  const int rowsVersion = Tavo::Bpf::AttachRowsVersion(Tavo::Bpf::convertVersionToInt(release), dmabufRows);
   const std::string attachReport = log + ".attach";
   unlink(attachReport.c_str());
-  const std::vector<std::string> daemonArgs{"--attach-report", attachReport};
+  daemonArgs.insert(daemonArgs.end(), {"--attach-report", attachReport});
 
   Result result;
   unlink(log.c_str());
