@@ -528,7 +528,8 @@ void CheckDmabuf(Collector& events, const RowCounts& rows, const std::string& ex
   events.WaitFor(totalsBack, expectedTotals.empty() ? 2000 : 30000);
   const std::vector<Event> seen = events.Settle(1000);
   if (!finish() || !std::all_of(names.begin(), names.end(), [&](auto& n) { return buffers.count(n) != 0; }))
-    return result->Report("dmabuf", "the exerciser failed:" + failure + " " + text);
+    return result->Report("dmabuf", "the exerciser failed:" + failure + " it printed: " +
+                                        android::base::Join(android::base::Split(android::base::Trim(text), "\n"), " | "));
 
   std::set<pid_t> pids;
   for (const BufferUse& use : uses) pids.insert(use.pid);
