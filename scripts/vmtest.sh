@@ -9,14 +9,13 @@
 # $TAVO_VM_KERNEL_TESTS, default *kern*) everywhere else. Downloads are
 # cached in $TAVO_VM_CACHE (default /var/cache/tavo-vmtest), logs and images
 # go to build/vmtest/. Each VM prints one line per run of the end-to-end
-# check
+# check (the 6.1 and 6.12 VMs run it a second time, " rows 6.6", with a
+# daemon that takes the 6.6 rows; see rows_prop)
 #   vmtest <arch> <release>[ rows 6.6]: P passed, F failed, S skipped; rows
 #   attached A, skipped by version V, failed X; dma-buf notices N; dma-buf
 #   types T...
-# the 6.1 and 6.12 VMs a second one, " rows 6.6", from a daemon that took the
-# 6.6 rows (see rows_prop), and the script ends with "N passed, N failed"
-# over all of them; it exits 0 only when nothing failed. Needs root (it
-# installs what is missing).
+# and the script ends with "N passed, N failed" over all of them; it exits
+# 0 only when nothing failed. Needs root (it installs what is missing).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
