@@ -8,9 +8,12 @@
 # arm64-6.1 (--full-suite), the kernel tests (names matching
 # $TAVO_VM_KERNEL_TESTS, default *kern*) everywhere else. Downloads are
 # cached in $TAVO_VM_CACHE (default /var/cache/tavo-vmtest), logs and images
-# go to build/vmtest/. Each VM prints one line
-#   vmtest <arch> <release>: P passed, F failed, S skipped; rows attached A,
-#   skipped by version V, failed X; dma-buf notices N
+# go to build/vmtest/. Each VM prints one line per run of the end-to-end
+# check (the 6.1 and 6.12 VMs run it a second time, " rows 6.6", with a
+# daemon that takes the 6.6 rows; see rows_prop)
+#   vmtest <arch> <release>[ rows 6.6]: P passed, F failed, S skipped; rows
+#   attached A, skipped by version V, failed X; dma-buf notices N; dma-buf
+#   types T...
 # and the script ends with "N passed, N failed" over all of them; it exits
 # 0 only when nothing failed. Needs root (it installs what is missing).
 set -euo pipefail
@@ -54,6 +57,14 @@ timed() {  # timed LABEL COMMAND...: runs it and notes its wall time
 }
 
 debarch() { [ "$1" = arm64 ] && echo arm64 || echo amd64; }
+# The property that makes a second run of the check take the 6.6 rows: on
+# 6.1 the kernel version the daemon is given, past 6.6 the dma-buf opt-in.
+rows_prop() {
+  case "$1" in
+    6.1) echo ro.kernel.version=6.6 ;;
+    6.12) echo persist.sys.tavo_bpf.dmabuf_rows=6.6 ;;
+  esac
+}
 preset() { [ "$1" = arm64 ] && echo arm64 || echo debug; }
 
 # --- what the machine needs, and the downloads --------------------------------
@@ -81,7 +92,7 @@ run_cell() {
   log=$out/$cell.log image=$out/$cell.cpio
   [ "$cell" = "$full" ] && suite=full
   start=$(date +%s)
-  scripts/vm/mkinitramfs.sh "$arch" "build/$(preset "$arch")" "$kdir" "$suite" "$image"
+  scripts/vm/mkinitramfs.sh "$arch" "build/$(preset "$arch")" "$kdir" "$suite" "$image" "$(rows_prop "$line")"
   echo "initramfs $(since "$start") s" >"$out/$cell.time"
   start=$(date +%s)
   local qemu limit=900
@@ -121,18 +132,23 @@ for c in "${cells[@]}"; do
   cell=${c/ /-}
   touch "$out/$cell.time" "$out/$cell.log"
   echo "=== $cell ($(tr '\n' ',' <"$out/$cell.time" | sed 's/,$//; s/,/, /g'))"
-  grep -aE '^(vmtest|vmcheck|  \|)' "$out/$cell.log" | grep -v '^vmtest [a-z0-9_]* .*: [0-9]* passed' || true
-  summary=$(grep -a '^vmtest [a-z0-9_]* [^ ]*: [0-9]* passed' "$out/$cell.log" | tail -n1 | tr -d '\r' || true)
-  if [ -z "$summary" ]; then
-    echo "vmtest $cell: no summary (the VM did not finish; see $out/$cell.log)"
+  grep -aE '^(vmtest|vmcheck|  \|)' "$out/$cell.log" | grep -v '^vmtest [a-z0-9_]* [^:]*: [0-9]* passed' || true
+  summaries=$(grep -a '^vmtest [a-z0-9_]* [^ ]*\( rows [^ ]*\)\?: [0-9]* passed' "$out/$cell.log" | tr -d '\r' || true)
+  expected=1
+  [ -n "$(rows_prop "${c#* }")" ] && expected=2
+  if [ "$(echo -n "$summaries" | grep -c '^')" -ne "$expected" ]; then
+    echo "vmtest $cell: $(echo -n "$summaries" | grep -c '^') of $expected summary lines (the VM did not finish; see $out/$cell.log)"
+    [ -n "$summaries" ] && echo "$summaries"
     tail -n 20 "$out/$cell.log"
     total_fail=$((total_fail + 1))
     continue
   fi
-  echo "$summary"
-  p=$(echo "$summary" | sed 's/.*: \([0-9]*\) passed, \([0-9]*\) failed.*/\1/')
-  f=$(echo "$summary" | sed 's/.*: \([0-9]*\) passed, \([0-9]*\) failed.*/\2/')
-  total_pass=$((total_pass + p)) total_fail=$((total_fail + f))
+  echo "$summaries"
+  while read -r summary; do
+    p=$(echo "$summary" | sed 's/.*: \([0-9]*\) passed, \([0-9]*\) failed.*/\1/')
+    f=$(echo "$summary" | sed 's/.*: \([0-9]*\) passed, \([0-9]*\) failed.*/\2/')
+    total_pass=$((total_pass + p)) total_fail=$((total_fail + f))
+  done <<<"$summaries"
 done
 echo "=== times: ${timings[*]/%/;}"
 echo "$total_pass passed, $total_fail failed"

@@ -1,8 +1,10 @@
 #!/bin/busybox sh
 # /init of a kernel-matrix VM (scripts/vmtest.sh): mounts what the service
-# and the tests need, loads vgem, runs the test binaries case by case (each
-# case in its own process, as CTest does), then the end-to-end check, prints
-# the one summary line and powers off.
+# and the tests need, loads vgem and vivid, runs the test binaries case by
+# case (each case in its own process, as CTest does), then the end-to-end
+# check, prints the summary line and powers off. With VM_ROWS_PROP set the
+# check runs again with that property (another family of attach-table rows)
+# and prints a second summary line, "vmtest <arch> <release> rows <family>".
 /bin/busybox --install -s /bin
 export PATH=/bin HOME=/tmp
 . /vmtest.conf
@@ -25,8 +27,9 @@ echo 1000 >/proc/sys/kernel/ns_last_pid
 
 release=$(uname -r)
 printf "\nvmtest: booted %s %s, %s CPUs\n" "$VM_ARCH" "$release" "$(nproc)"
-while read -r m; do
-  insmod "/modules/$m" || echo "vmtest: insmod $m failed"
+while read -r m params; do
+  # shellcheck disable=SC2086
+  insmod "/modules/$m" $params || echo "vmtest: insmod $m failed"
 done </modules.order
 
 # --- test binaries ------------------------------------------------------------
@@ -66,23 +69,35 @@ run_cases /tmp/cases.2 2 &
 wait
 
 # --- end to end ---------------------------------------------------------------
-echo "vmtest: end-to-end check"
-"$VM_BUILD/tools/tavo_vmcheck/tavo_vmcheck" --log /tmp/tavo_bpfd.log >/tmp/vmcheck.out 2>/tmp/vmcheck.err
-cat /tmp/vmcheck.out
-grep '^vmcheck: PASS' /tmp/vmcheck.out | sed 's/^vmcheck: PASS \([^:]*\).*/PASS e2e.\1/' >>$results
-grep '^vmcheck: FAIL' /tmp/vmcheck.out | sed 's/^vmcheck: FAIL \([^:]*\).*/FAIL e2e.\1/' >>$results
-if grep -q '^vmcheck: FAIL' /tmp/vmcheck.out || ! grep -q '^vmcheck: rows' /tmp/vmcheck.out; then
-  grep -q '^vmcheck: rows' /tmp/vmcheck.out || echo "FAIL e2e.run" >>$results
-  echo "vmtest: daemon log (last 60 lines):"
-  tail -n 60 /tmp/tavo_bpfd.log | sed 's/^/  | /'
-  tail -n 20 /tmp/vmcheck.err | sed 's/^/  | /'
+# e2e NAME RESULTS [VMCHECK ARGUMENT...]: one run of the check, its verdicts
+# appended to RESULTS, then the summary line "vmtest <arch> <release>[ NAME]".
+e2e() {
+  name=$1 res=$2 out=/tmp/vmcheck.out log=/tmp/tavo_bpfd$(echo "${1:+ $1}" | tr ' ' .).log
+  shift 2
+  echo "vmtest: end-to-end check${name:+, $name}"
+  "$VM_BUILD/tools/tavo_vmcheck/tavo_vmcheck" --log "$log" "$@" >$out 2>/tmp/vmcheck.err
+  cat $out
+  grep '^vmcheck: PASS' $out | sed 's/^vmcheck: PASS \([^:]*\).*/PASS e2e.\1/' >>"$res"
+  grep '^vmcheck: FAIL' $out | sed 's/^vmcheck: FAIL \([^:]*\).*/FAIL e2e.\1/' >>"$res"
+  if grep -q '^vmcheck: FAIL' $out || ! grep -q '^vmcheck: rows' $out; then
+    grep -q '^vmcheck: rows' $out || echo "FAIL e2e.run" >>"$res"
+    echo "vmtest: daemon log (last 60 lines):"
+    tail -n 60 "$log" | sed 's/^/  | /'
+    tail -n 20 /tmp/vmcheck.err | sed 's/^/  | /'
+  fi
+  passed=$(grep -c '^PASS' "$res")
+  failed=$(grep -c '^FAIL' "$res")
+  skipped=$(grep -c '^SKIP' "$res")
+  rows=$(sed -n 's/^vmcheck: rows attached \([0-9]*\), skipped by version \([0-9]*\), failed \([0-9]*\); dma-buf notices \([0-9]*\); dma-buf types \(.*\)$/\1 \2 \3 \4 \5/p' $out)
+  set -- ${rows:-0 0 0 0 none}
+  n1=$1 n2=$2 n3=$3 n4=$4
+  shift 4
+  echo "vmtest $VM_ARCH $release${name:+ $name}: $passed passed, $failed failed, $skipped skipped; rows attached $n1, skipped by version $n2, failed $n3; dma-buf notices $n4; dma-buf types $*"
+}
+e2e "" $results
+if [ -n "$VM_ROWS_PROP" ]; then
+  : >/tmp/results.rows
+  e2e "rows ${VM_ROWS_PROP##*=}" /tmp/results.rows --prop "$VM_ROWS_PROP"
 fi
-
-passed=$(grep -c '^PASS' $results)
-failed=$(grep -c '^FAIL' $results)
-skipped=$(grep -c '^SKIP' $results)
-rows=$(sed -n 's/^vmcheck: rows attached \([0-9]*\), skipped by version \([0-9]*\), failed \([0-9]*\); dma-buf notices \([0-9]*\)$/\1 \2 \3 \4/p' /tmp/vmcheck.out)
-set -- ${rows:-0 0 0 0}
-echo "vmtest $VM_ARCH $release: $passed passed, $failed failed, $skipped skipped; rows attached $1, skipped by version $2, failed $3; dma-buf notices $4"
 sync
 poweroff -f

@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
 # Builds the initramfs of one kernel-matrix VM: busybox, scripts/vm/init.sh
-# as /init, the drm/vgem modules of the kernel, the project's binaries at
+# as /init, the kernel's vgem and vivid modules, the project's binaries at
 # their build-tree paths (the tests name some files by absolute path) with
 # debug info stripped, and every shared library they need.
-#   mkinitramfs.sh ARCH BUILD_DIR KERNEL_DIR SUITE OUT.cpio
+#   mkinitramfs.sh ARCH BUILD_DIR KERNEL_DIR SUITE OUT.cpio [PROP=VALUE]
 #     ARCH arm64|x86_64; SUITE kernel (tests whose name matches
-#     $TAVO_VM_KERNEL_TESTS, default *kern*) or full (every test binary)
+#     $TAVO_VM_KERNEL_TESTS, default *kern*) or full (every test binary);
+#     PROP=VALUE: a property that chooses another family of attach-table
+#     rows, for a second run of the end-to-end check
 set -euo pipefail
 
-arch=$1 build=$(realpath "$2") kdir=$3 suite=$4 out=$5
+arch=$1 build=$(realpath "$2") kdir=$3 suite=$4 out=$5 rowsprop=${6:-}
 here=$(dirname "$(realpath "$0")")
 CACHE=${TAVO_VM_CACHE:-/var/cache/tavo-vmtest}
 
@@ -28,12 +30,13 @@ cp "$CACHE/root-$debarch/bin/busybox" "$stage/bin/busybox"
 cp "$here/init.sh" "$stage/init"
 chmod 755 "$stage/init"
 
-# --- modules: vgem and what it depends on, in load order --------------------
+# --- modules and what they depend on, in load order ---------------------------
 moddir=$(echo "$kdir"/root/lib/modules/*)
 : >"$stage/modules.order"
-add_module() {
+add_module() {  # NAME [PARAMETER...]: one line "NAME.ko PARAMETER..." each
   local name=$1 file dep
-  grep -qx "$name.ko" "$stage/modules.order" && return 0
+  shift
+  grep -q "^$name\.ko\( \|\$\)" "$stage/modules.order" && return 0
   file=$(find "$moddir/kernel" \( -name "$name.ko*" -o -name "${name//_/-}.ko*" \) | head -n1)
   [ -n "$file" ] || { echo "mkinitramfs: module $name not in $moddir" >&2; return 1; }
   case "$file" in
@@ -44,9 +47,12 @@ add_module() {
   for dep in $(tr '\0' '\n' <"$stage/modules/$name.ko" | sed -n 's/^depends=//p' | tr ',' ' '); do
     add_module "$dep"
   done
-  echo "$name.ko" >>"$stage/modules.order"
+  echo "$name.ko${*:+ $*}" >>"$stage/modules.order"
 }
+# vgem exports dma-bufs. vivid imports them: one capture node per
+# allocator, vmalloc (vmaps an imported buffer) and dma-contig (attaches it).
 add_module vgem
+add_module vivid n_devs=2 allocators=0,1 node_types=0x1,0x1
 
 # --- the project's binaries ----------------------------------------------------
 is_elf() { [ -f "$1" ] && [ -x "$1" ] && [ "$(head -c4 "$1" | tr -d '\0')" = $'\x7fELF' ]; }
@@ -118,6 +124,7 @@ cat >"$stage/vmtest.conf" <<EOF
 VM_ARCH=$arch
 VM_BUILD=$build
 VM_SUITE=$suite
+VM_ROWS_PROP=$rowsprop
 VM_LIBPATH=/lib/$triplet:/usr/lib/$triplet:/usr/lib/$triplet/android
 EOF
 

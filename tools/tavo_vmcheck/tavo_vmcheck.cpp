@@ -1,10 +1,14 @@
 // tavo_vmcheck: end-to-end check of tavo_bpfd on the running kernel, for the
 // kernel-matrix VMs (scripts/vmtest.sh). Needs root, bpffs and tracefs.
-//   tavo_vmcheck [--bpfd PATH] [--exerciser PATH] [--log PATH]
-// Starts the daemon, subscribes as a client and checks:
+//   tavo_vmcheck [--bpfd PATH] [--exerciser PATH] [--log PATH] [--prop name=value]...
+// Starts the daemon (with the properties given, as tavo_bpfd --prop sets
+// them), subscribes as a client and checks:
 //   rows      every attach-table row attached, or skipped by version exactly
-//             as the tables say; a kprobe row may fail only where this kernel
-//             lacks the function (not in /proc/kallsyms)
+//             as the tables say for the version the daemon chooses rows by
+//             (the kernel's, or "ro.kernel.version" and
+//             "persist.sys.tavo_bpf.dmabuf_rows" when given); a kprobe row
+//             may fail only where this kernel lacks the function (not in
+//             /proc/kallsyms)
 //   doctor    `tavoctl doctor` predicted for each row what the daemon did
 //             (ok: attached, skipped: skipped, missing: failed), and its
 //             exit status says whether rows are missing
@@ -13,11 +17,16 @@
 //             record and one 50002 each
 //   openfd    a child opening and closing N descriptors moves its count in
 //             the open-fd map by N and back
-//   dmabuf    tavo_dmabuf_exerciser's buffers: records with the right
-//             process, inode and size, and 50005 totals back to 0
+//   dmabuf    tavo_dmabuf_exerciser's buffers (vgem, and the system dma-buf
+//             heap and udmabuf where the kernel has them) mapped and queued
+//             to vivid's capture nodes (vmap and attach): every record type
+//             the attached rows can send (7 to 14) with the right process,
+//             inode and size, and each process's 50005 totals up by the
+//             size and back to 0 for every use
 // Prints "vmcheck: PASS|FAIL <check>[: detail]" per check, notes, and
-//   vmcheck: rows attached A, skipped by version V, failed X; dma-buf notices N
-// Exit status 0 when every check passed.
+//   vmcheck: rows attached A, skipped by version V, failed X; dma-buf notices N; dma-buf types T...
+// (T: the dma-buf record types that reached the client, ascending, or
+// "none"). Exit status 0 when every check passed.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
@@ -58,11 +67,14 @@
 #include "client/tavo_client.h"
 #include "task/tavo_proc_reader.h"
 #include "tests/support/tavo_harness.h"
+#include "util/tavo_options.h"
 #include "tools/tavo_vmcheck/tavo_spinning_pair.h"
+#include "util/tavo_event_names.h"
 #include "util/tavo_service_contract.h"
 
 using android::base::StringPrintf;
 using android::base::unique_fd;
+using Tavo::Bpf::RawEventName;
 using namespace Tavo::Client;
 
 namespace {
@@ -204,12 +216,15 @@ RowCounts CheckRows(const std::string& reportPath, int rowsVersion, Result* resu
 
 // Runs `tavoctl doctor` beside the daemon and compares its verdict on each
 // row with the daemon's attach report.
-void CheckDoctor(const std::string& tavoctl, const std::string& reportPath, Result* result) {
+void CheckDoctor(const std::string& tavoctl, const std::vector<std::string>& props, const std::string& reportPath,
+                 Result* result) {
   using Tavo::Bpf::TavoBpfRowCheck;
   std::string text;
   android::base::ReadFileToString(reportPath, &text);
   const Tavo::Bpf::BpfAttachReport report = Tavo::Bpf::ParseAttachReport(text);
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen((tavoctl + " doctor 2>&1").c_str(), "r"), pclose);
+  std::string command = tavoctl + " doctor";
+  for (const std::string& prop : props) command += " " + prop;
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen((command + " 2>&1").c_str(), "r"), pclose);
   if (!pipe) return result->Report("doctor", "cannot run " + tavoctl);
   std::string out;
   char buf[4096];
@@ -417,11 +432,30 @@ void CheckOpenFds(const RowCounts& rows, const std::set<std::string>& functions,
 
 // ---- dma-buf -----------------------------------------------------------------
 
+// A use of a buffer, as the exerciser names it: the record taking it, the
+// one dropping it, and the rows (program-name prefixes) that send them.
+struct UseKind {
+  const char* word;
+  uint32_t take, drop;
+  const char* takeRow;
+  const char* dropRow;
+};
+constexpr UseKind kUseKinds[] = {
+    {"mapped", TAVO_EVENT_DMABUF_MMAP, TAVO_EVENT_DMABUF_MUNMAP, "enter_dma_buf_mmap_internal_", "enter___vm_munmap"},
+    {"vmapped", TAVO_EVENT_DMABUF_VMAP, TAVO_EVENT_DMABUF_VUNMAP, "enter_dma_buf_vmap_", "enter_dma_buf_vunmap_"},
+    {"attached", TAVO_EVENT_DMABUF_ATTACH, TAVO_EVENT_DMABUF_DETACH, "enter_dma_buf_attach_", "enter_dma_buf_detach_"},
+};
+
 struct ExercisedBuffer {
   pid_t exporter = 0;
   uint64_t inode = 0;
   uint64_t size = 0;
-  pid_t mapper = 0;
+};
+
+struct BufferUse {
+  std::string buffer;
+  const UseKind* kind = nullptr;
+  pid_t pid = 0;
 };
 
 bool AnyAttached(const RowCounts& rows, const std::string& prefix) {
@@ -430,8 +464,69 @@ bool AnyAttached(const RowCounts& rows, const std::string& prefix) {
   return false;
 }
 
+// vivid's capture nodes by what its allocator does with an imported
+// buffer: instance N ("vivid-00N-vid-cap") uses entry N of the module's
+// allocators list, 0 (vmalloc, the default) vmaps it, 1 (dma-contig)
+// attaches it.
+void FindVivid(std::vector<std::string>* vmap, std::vector<std::string>* attach) {
+  std::string text;
+  android::base::ReadFileToString("/sys/module/vivid/parameters/allocators", &text);
+  const std::vector<std::string> allocators = android::base::Split(android::base::Trim(text), ",");
+  for (int node = 0; node < 64; ++node) {
+    size_t instance = 0;
+    if (!android::base::ReadFileToString(StringPrintf("/sys/class/video4linux/video%d/name", node), &text) ||
+        sscanf(text.c_str(), "vivid-%zu-vid-cap", &instance) != 1)
+      continue;
+    const bool contig = instance < allocators.size() && allocators[instance] == "1";
+    (contig ? attach : vmap)->push_back(StringPrintf("/dev/video%d", node));
+  }
+}
+
+// The dma-buf record types (7 to 14) among the events.
+std::set<uint32_t> DmabufTypes(const std::vector<Event>& events) {
+  std::set<uint32_t> types;
+  for (const auto& r : All<DmabufRecord>(events, [](auto&) { return true; })) types.insert(r.header.type);
+  return types;
+}
+
+// " 8 9 10", or " none".
+std::string TypeList(const std::set<uint32_t>& types) {
+  std::string out;
+  for (uint32_t type : types) out += StringPrintf(" %u", type);
+  return out.empty() ? " none" : out;
+}
+
 void CheckDmabuf(Collector& events, const RowCounts& rows, const std::string& exerciser, Result* result) {
-  if (access("/dev/dri/card0", R_OK | W_OK) != 0) return result->Report("dmabuf", "no vgem device at /dev/dri/card0");
+  constexpr const char* kCard = "/dev/dri/card0";
+  constexpr const char* kHeap = "/dev/dma_heap/system";
+  constexpr const char* kUdmabuf = "/dev/udmabuf";
+  if (access(kCard, R_OK | W_OK) != 0) return result->Report("dmabuf", "no vgem device at /dev/dri/card0");
+  std::string failure;
+  auto expect = [&failure](bool ok, const std::string& what) {
+    if (!ok) failure += " " + what + ";";
+  };
+  std::vector<std::string> args{exerciser, "--hold"};
+  std::vector<std::string> vmaps, attaches;
+  FindVivid(&vmaps, &attaches);
+  expect(!vmaps.empty() || !AnyAttached(rows, "enter_dma_buf_vmap_"), "no vivid capture node with allocator 0");
+  expect(!attaches.empty() || !AnyAttached(rows, "enter_dma_buf_attach_"), "no vivid capture node with allocator 1");
+  for (const std::string& device : vmaps) args.insert(args.end(), {"--vmap", device});
+  for (const std::string& device : attaches) args.insert(args.end(), {"--attach", device});
+  std::vector<std::string> names{"A", "B"};  // the buffers the exerciser is to make
+  if (access(kHeap, R_OK) == 0) {
+    args.insert(args.end(), {"--heap", kHeap});
+    names.push_back("H");
+  }
+  if (access(kUdmabuf, R_OK | W_OK) == 0) {
+    args.insert(args.end(), {"--udmabuf", kUdmabuf});
+    names.push_back("U");
+  }
+  args.push_back(kCard);
+  for (const UseKind& kind : kUseKinds) {
+    expect(AnyAttached(rows, kind.takeRow) == AnyAttached(rows, kind.dropRow),
+           StringPrintf("the rows of %s and %s attach together", RawEventName(kind.take), RawEventName(kind.drop)));
+  }
+
   // The exerciser and its child stay until their input closes: a process's
   // exit purges its dma-buf entries, and the totals are to come back to 0
   // because it let go, not because it went.
@@ -442,7 +537,10 @@ void CheckDmabuf(Collector& events, const RowCounts& rows, const std::string& ex
   if (pid == 0) {
     dup2(outWrite.get(), STDOUT_FILENO);
     dup2(inRead.get(), STDIN_FILENO);
-    execl(exerciser.c_str(), exerciser.c_str(), "--hold", "/dev/dri/card0", nullptr);
+    std::vector<char*> argv;
+    for (std::string& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    execv(exerciser.c_str(), argv.data());
     _exit(127);
   }
   outWrite.reset();
@@ -458,94 +556,108 @@ void CheckDmabuf(Collector& events, const RowCounts& rows, const std::string& ex
   };
 
   std::map<std::string, ExercisedBuffer> buffers;
+  std::vector<BufferUse> uses;
   for (const std::string& line : android::base::Split(text, "\n")) {
-    char name[8] = {};
+    char word[16] = {}, name[8] = {};
     int who = 0;
     unsigned long long inode = 0, size = 0;
     if (sscanf(line.c_str(), "buffer %7s %d %llu %llu", name, &who, &inode, &size) == 4) {
-      buffers[name].exporter = who;
-      buffers[name].inode = inode;
-      buffers[name].size = size;
-    } else if (sscanf(line.c_str(), "mapped %7s %d", name, &who) == 2) {
-      buffers[name].mapper = who;
+      buffers[name] = ExercisedBuffer{who, inode, size};
+    } else if (sscanf(line.c_str(), "%15s %7s %d", word, name, &who) == 3) {
+      for (const UseKind& kind : kUseKinds)
+        if (strcmp(word, kind.word) == 0) uses.push_back({name, &kind, who});
     }
   }
-  if (buffers.size() != 2) {
-    finish();
-    return result->Report("dmabuf", "the exerciser failed: " + text);
+  // The totals each process is to report, in order: every use whose rows
+  // both attached charges the buffer's size and gives it back.
+  std::map<pid_t, std::vector<int64_t>> expectedTotals;
+  for (const BufferUse& use : uses) {
+    if (!AnyAttached(rows, use.kind->takeRow)) continue;
+    expectedTotals[use.pid].push_back(static_cast<int64_t>(buffers[use.buffer].size));
+    expectedTotals[use.pid].push_back(0);
   }
-
-  const bool mmapRow = AnyAttached(rows, "enter_dma_buf_mmap_internal_");
-  const bool munmapRow = AnyAttached(rows, "enter___vm_munmap");
-  const bool releaseRow = AnyAttached(rows, "enter_dma_buf_file_release_");
-  const bool setupRow = AnyAttached(rows, "enter_dma_buf_stats_setup_");
-  auto dmabufType = [](uint32_t type) {
-    return [type](const DmabufRecord& r) { return r.header.type == type; };
+  auto totalsOf = [](const std::vector<Event>& ev, pid_t p) {
+    std::vector<int64_t> totals;
+    for (const auto& n : All<DmabufTotalNotice>(ev, [p](const DmabufTotalNotice& t) { return t.pid == p; }))
+      totals.push_back(n.total);
+    return totals;
   };
-  std::set<pid_t> pids;
-  for (const auto& [name, b] : buffers) pids.insert(b.mapper);
   auto totalsBack = [&](const std::vector<Event>& ev) {
-    for (pid_t p : pids) {
-      const auto n = All<DmabufTotalNotice>(ev, [p](const DmabufTotalNotice& t) { return t.pid == p; });
-      if (n.empty() || n.back().total != 0) return false;
-    }
+    for (const auto& [p, totals] : expectedTotals)
+      if (totalsOf(ev, p).size() < totals.size()) return false;
     return true;
   };
-  std::vector<Event> seen = mmapRow ? events.WaitFor(totalsBack, 20000) : events.Settle(2000);
-  seen = events.Settle(1000);
-  if (!finish()) return result->Report("dmabuf", "the exerciser failed: " + text);
+  events.WaitFor(totalsBack, expectedTotals.empty() ? 2000 : 30000);
+  const std::vector<Event> seen = events.Settle(1000);
+  if (!finish() || !std::all_of(names.begin(), names.end(), [&](auto& n) { return buffers.count(n) != 0; }))
+    return result->Report("dmabuf", "the exerciser failed:" + failure + " it printed: " +
+                                        android::base::Join(android::base::Split(android::base::Trim(text), "\n"), " | "));
 
-  std::string failure;
-  auto expect = [&failure](bool ok, const std::string& what) {
-    if (!ok) failure += " " + what + ";";
-  };
+  std::set<pid_t> pids;
+  for (const BufferUse& use : uses) pids.insert(use.pid);
   const int notices = static_cast<int>(Count<DmabufTotalNotice>(seen, [&](auto& n) { return pids.count(n.pid); }));
-  if (!mmapRow && !munmapRow && !releaseRow && !setupRow) {
+  const bool releaseRow = AnyAttached(rows, "enter_dma_buf_file_release_");
+  const bool setupRow = AnyAttached(rows, "enter_dma_buf_stats_setup_");
+  if (!releaseRow && !setupRow && expectedTotals.empty()) {
     expect(Count<DmabufRecord>(seen, [](auto&) { return true; }) == 0, "dma-buf records although no row attached");
     expect(notices == 0, "50005 notices although no dma-buf row attached");
     Note("dma-buf: no dma-buf row applies to this kernel; the exerciser's buffers gave no records, as expected");
-    return result->Report("dmabuf", failure, "vgem buffers exercised, rows skipped by version");
+    return result->Report("dmabuf", failure,
+                          StringPrintf("%zu buffers exercised, rows skipped by version", buffers.size()));
   }
   for (const auto& entry : buffers) {
     const std::string& name = entry.first;
-    const auto& b = entry.second;
-    auto same = [&b](const DmabufRecord& r) { return r.bufId == b.inode && r.size == b.size; };
-    auto by = [&](uint32_t type, pid_t who) {
-      return All<DmabufRecord>(seen, [&, type, who](const DmabufRecord& r) {
-        return dmabufType(type)(r) && same(r) && r.pid == who;
+    const ExercisedBuffer& b = entry.second;
+    auto records = [&](uint32_t type, pid_t who) {
+      return All<DmabufRecord>(seen, [&](const DmabufRecord& r) {
+        return r.header.type == type && r.pid == who && r.bufId == b.inode && r.size == b.size;
       });
     };
     const std::string label =
         StringPrintf("buffer %s (inode %llu)", name.c_str(), static_cast<unsigned long long>(b.inode));
-    if (setupRow) expect(by(TAVO_EVENT_DMABUF_SETUP, b.exporter).size() == 1, label + ": setup record of the exporter");
-    if (releaseRow) expect(by(TAVO_EVENT_DMABUF_RELEASE, b.exporter).size() == 1, label + ": release by the exporter");
-    if (mmapRow) {
-      const auto maps = by(TAVO_EVENT_DMABUF_MMAP, b.mapper);
-      expect(maps.size() == 1, label + StringPrintf(": one mmap record of pid %d", b.mapper));
-      if (munmapRow && maps.size() == 1) {
-        const auto unmaps = by(TAVO_EVENT_DMABUF_MUNMAP, b.mapper);
-        expect(unmaps.size() == 1 && unmaps[0].mapKey == maps[0].mapKey, label + ": its munmap record");
-      }
-      const auto totals = All<DmabufTotalNotice>(seen, [&b](const DmabufTotalNotice& n) { return n.pid == b.mapper; });
-      std::string sequence;
-      for (const auto& n : totals) sequence += StringPrintf(" %lld", static_cast<long long>(n.total));
-      expect(!totals.empty() && totals.front().total == static_cast<int64_t>(b.size) && totals.back().total == 0,
-             label + StringPrintf(": 50005 of pid %d up by the size and back to 0 (saw:%s)", b.mapper,
-                                  sequence.c_str()));
+    if (setupRow)
+      expect(records(TAVO_EVENT_DMABUF_SETUP, b.exporter).size() == 1, label + ": setup record of the exporter");
+    if (releaseRow)
+      expect(records(TAVO_EVENT_DMABUF_RELEASE, b.exporter).size() == 1, label + ": release by the exporter");
+    for (const BufferUse& use : uses) {
+      if (use.buffer != name || !AnyAttached(rows, use.kind->takeRow)) continue;
+      const auto taken = records(use.kind->take, use.pid);
+      const auto dropped = records(use.kind->drop, use.pid);
+      // A repeated use (two devices of one kind) gives a record per use.
+      const size_t times = std::count_if(uses.begin(), uses.end(), [&](const BufferUse& u) {
+        return u.buffer == name && u.kind == use.kind && u.pid == use.pid;
+      });
+      expect(taken.size() == times && dropped.size() == times &&
+                 std::equal(taken.begin(), taken.end(), dropped.begin(), dropped.end(),
+                            [](auto& t, auto& d) { return t.mapKey == d.mapKey; }),
+             label + StringPrintf(": %zu %s and %s records of pid %d (saw %zu and %zu)", times,
+                                  RawEventName(use.kind->take), RawEventName(use.kind->drop), use.pid, taken.size(),
+                                  dropped.size()));
     }
   }
-  Note("dma-buf: vgem drives export, mmap, munmap, SCM_RIGHTS passing and release; it cannot drive "
-       "dma_buf_attach/detach (an import into the same device reuses the GEM object, and there is no "
-       "second device) nor dma_buf_vmap/vunmap (no kernel user maps its buffers): types 9-12 are not checked");
+  for (const auto& [p, totals] : expectedTotals) {
+    const std::vector<int64_t> got = totalsOf(seen, p);
+    std::string sequence;
+    for (int64_t total : got) sequence += StringPrintf(" %lld", static_cast<long long>(total));
+    expect(got == totals, StringPrintf("50005 of pid %d up by the size and back to 0 for each of %zu uses (saw:%s)",
+                                       p, totals.size() / 2, sequence.c_str()));
+  }
+  // Every type the attached rows can send has come (a use left out would
+  // otherwise pass unnoticed).
+  std::set<uint32_t> wanted;
+  if (setupRow) wanted.insert(TAVO_EVENT_DMABUF_SETUP);
+  if (releaseRow) wanted.insert(TAVO_EVENT_DMABUF_RELEASE);
+  for (const UseKind& kind : kUseKinds)
+    if (AnyAttached(rows, kind.takeRow)) wanted.insert({kind.take, kind.drop});
+  const std::set<uint32_t> got = DmabufTypes(seen);
+  expect(std::includes(got.begin(), got.end(), wanted.begin(), wanted.end()),
+         "record types" + TypeList(wanted) + " expected, saw" + TypeList(got));
   if (!setupRow) Note("dma-buf: no setup records (7) here: the stats_setup rows did not attach");
+  std::string made;
+  for (const auto& [name, b] : buffers) made += " " + name;
   result->Report("dmabuf", failure,
-                 StringPrintf("buffers A (pid %d) and B (passed to pid %d), %d 50005 notices", buffers["A"].mapper,
-                              buffers["B"].mapper, notices));
-}
-
-int Usage() {
-  fprintf(stderr, "usage: tavo_vmcheck [--bpfd PATH] [--exerciser PATH] [--log PATH]\n");
-  return 2;
+                 StringPrintf("buffers%s, %zu uses by %zu processes, %d 50005 notices", made.c_str(), uses.size(),
+                              pids.size(), notices));
 }
 
 }  // namespace
@@ -555,25 +667,36 @@ int main(int argc, char** argv) {
   std::string bpfd = here + "/../tavo_bpfd/tavo_bpfd";
   std::string exerciser = here + "/tavo_dmabuf_exerciser";
   std::string log = "/tmp/tavo_bpfd.log";
-  const std::string attachReport = log + ".attach";
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (i + 1 >= argc) return Usage();
-    if (arg == "--bpfd") bpfd = argv[++i];
-    else if (arg == "--exerciser") exerciser = argv[++i];
-    else if (arg == "--log") log = argv[++i];
-    else return Usage();
-  }
-  setvbuf(stdout, nullptr, _IOLBF, 0);
-  // The rows the daemon chooses for this kernel (it reads the same uname).
+  // The daemon's properties; the kernel's release unless they name another.
+  std::vector<std::string> daemonArgs;
   utsname uts{};
   uname(&uts);
-  const int rowsVersion = Tavo::Bpf::convertVersionToInt(uts.release);
+  std::string release = uts.release, dmabufRows;
+  std::vector<std::string> props;  // as the daemon and doctor are given them
+  Tavo::Bpf::TavoOptions options("tavo_vmcheck", "[--bpfd PATH] [--exerciser PATH] [--log PATH] [--prop NAME=VALUE]...");
+  options.Text("--bpfd", &bpfd, "PATH", "the daemon to check")
+      .Text("--exerciser", &exerciser, "PATH", "the dma-buf exerciser")
+      .Text("--log", &log, "PATH", "the daemon's log (its attach report goes beside it)")
+      .Value("--prop", [&](const std::string& value) {
+        const size_t eq = value.find('=');
+        if (eq == std::string::npos || eq == 0) return false;
+        if (value.compare(0, eq, Tavo::Bpf::kKernelVersionProperty) == 0) release = value.substr(eq + 1);
+        if (value.compare(0, eq, Tavo::Bpf::kDmabufRowsProperty) == 0) dmabufRows = value.substr(eq + 1);
+        props.insert(props.end(), {"--prop", value});
+        return true;
+      }, "NAME=VALUE", "a property for the daemon (and doctor), as tavo_bpfd --prop", "name=value");
+  if (const int status = options.ParseOrStatus(argc, argv); status >= 0) return status;
+  daemonArgs = props;
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  // The rows the daemon chooses, the way it chooses them.
+  const int rowsVersion = Tavo::Bpf::AttachRowsVersion(Tavo::Bpf::convertVersionToInt(release), dmabufRows);
+  const std::string attachReport = log + ".attach";
   unlink(attachReport.c_str());
+  daemonArgs.insert(daemonArgs.end(), {"--attach-report", attachReport});
 
   Result result;
   unlink(log.c_str());
-  tavo_test::DaemonProcess daemon(bpfd, log, {"--attach-report", attachReport});
+  tavo_test::DaemonProcess daemon(bpfd, log, daemonArgs);
   const bool up = daemon.Start(120000);
   Collector events;
   TavoClient client([&events](const Event& e) { events.Add(e); });
@@ -582,10 +705,11 @@ int main(int argc, char** argv) {
     rc = client.Connect();
     if (rc != 0) usleep(100 * 1000);
   }
-  for (uint32_t code : {TAVO_EVENT_SCHED_TASK_CREATE, TAVO_EVENT_SCHED_TASK_EXIT, TAVO_EVENT_DMABUF_SETUP,
-                        TAVO_EVENT_DMABUF_RELEASE, TAVO_EVENT_DMABUF_MMAP, TAVO_EVENT_DMABUF_MUNMAP}) {
+  for (uint32_t code : {TAVO_EVENT_SCHED_TASK_CREATE, TAVO_EVENT_SCHED_TASK_EXIT}) {
     if (rc == 0) rc = client.Subscribe(code);
   }
+  for (uint32_t code = TAVO_EVENT_DMABUF_SETUP; rc == 0 && code <= TAVO_EVENT_DMABUF_MUNMAP; ++code)
+    rc = client.Subscribe(code);
   for (uint32_t code = TAVO_NOTICE_PROCESS_START; rc == 0 && code <= TAVO_NOTICE_DMABUF_TOTAL; ++code)
     rc = client.Subscribe(code);
   if (!up || rc != 0) {
@@ -594,20 +718,21 @@ int main(int argc, char** argv) {
     android::base::ReadFileToString(log, &text);
     fprintf(stderr, "%s", text.c_str());
     daemon.Stop();
-    printf("vmcheck: rows attached 0, skipped by version 0, failed 0; dma-buf notices 0\n");
+    printf("vmcheck: rows attached 0, skipped by version 0, failed 0; dma-buf notices 0; dma-buf types none\n");
     return 1;
   }
 
   const RowCounts rows = CheckRows(attachReport, rowsVersion, &result);
-  CheckDoctor(here + "/../tavo_cli/tavoctl", attachReport, &result);
+  CheckDoctor(here + "/../tavo_cli/tavoctl", props, attachReport, &result);
   CheckLife(events, &result);
   CheckExits(events, &result);
   CheckOpenFds(rows, KernelFunctions(), &result);
   CheckDmabuf(events, rows, exerciser, &result);
-  const size_t notices = Count<DmabufTotalNotice>(events.Settle(0), [](auto&) { return true; });
+  const std::vector<Event> seen = events.Settle(0);
+  const size_t notices = Count<DmabufTotalNotice>(seen, [](auto&) { return true; });
   client.Close();
   result.Report("stop", daemon.Stop() ? "" : "the daemon did not stop cleanly on SIGTERM");
-  printf("vmcheck: rows attached %d, skipped by version %d, failed %d; dma-buf notices %zu\n", rows.attached,
-         rows.skipped, rows.failed, notices);
+  printf("vmcheck: rows attached %d, skipped by version %d, failed %d; dma-buf notices %zu; dma-buf types%s\n",
+         rows.attached, rows.skipped, rows.failed, notices, TypeList(DmabufTypes(seen)).c_str());
   return result.failed == 0 ? 0 : 1;
 }
