@@ -51,6 +51,8 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (verb != "load") return Usage();
+  // Loading mounts bpffs itself; the service attaches through tracefs.
+  Tavo::Loader::MountTraceFs();
   Tavo::Loader::LoadReport report;
   if (Tavo::Loader::LoadAndPin(options, &report) != 0) {
     fprintf(stderr, "tavo_loader: load failed: %s\n", strerror(errno));
