@@ -9,6 +9,7 @@ PACKAGES=(
   android-libbase-dev android-libcutils-dev android-liblog-dev
   libbpf-dev libbpfcc-dev bpftool linux-libc-dev libfmt-dev libdrm-dev
   libncurses-dev tmux
+  blueprint-tools mini-soong dpkg-dev
   "$@"
 )
 

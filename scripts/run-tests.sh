@@ -1,16 +1,23 @@
 #!/usr/bin/env bash
 # Installs dependencies, then builds and runs the test suite in each preset,
-# then every fuzz target for a minute (scripts/fuzz.sh, "fuzz" here), then
-# the kernel matrix (scripts/vmtest.sh, "vm" here).
-#   scripts/run-tests.sh [preset|fuzz|vm...]     (default: debug asan tsan fuzz vm)
+# with the Android.bp check after the debug preset (scripts/check-blueprint.sh,
+# "blueprint" here), then every fuzz target for a minute (scripts/fuzz.sh,
+# "fuzz" here), then the kernel matrix (scripts/vmtest.sh, "vm" here).
+#   scripts/run-tests.sh [preset|blueprint|fuzz|vm...]
+#                                    (default: debug blueprint asan tsan fuzz vm)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(debug asan tsan fuzz vm)
+[ ${#presets[@]} -gt 0 ] || presets=(debug blueprint asan tsan fuzz vm)
 
 for preset in "${presets[@]}"; do
+  if [ "$preset" = blueprint ]; then
+    echo "=== Android.bp"
+    scripts/check-blueprint.sh
+    continue
+  fi
   if [ "$preset" = fuzz ]; then
     echo "=== fuzzing"
     scripts/fuzz.sh --all "${TAVO_FUZZ_SECONDS:-60}"

@@ -120,7 +120,7 @@ TavoServiceOptions TavoServiceOptions::FromProperties() {
   if (android::base::ParseUint(GetServiceProperty(kMaxConnectionsProperty, ""), &limit) && limit > 0) {
     options.hub.maxConnections = static_cast<size_t>(limit);
   }
-  options.hub.allowedIds = GetServiceProperty(kAllowedIdsProperty, "");
+  options.hub.allowedIds = GetServiceProperty(kAllowedIdsProperty, kDefaultAllowedIds);
   return options;
 }
 

@@ -30,7 +30,7 @@ struct TavoServiceOptions {
   // The defaults with what the properties set: the connection limit
   // ("persist.sys.tavo_bpf.max_connections") and the ids allowed to connect
   // besides root and the service's own uid ("persist.sys.tavo_bpf.allowed_ids",
-  // e.g. "1000,g:1007").
+  // e.g. "1000,g:1007"; unset, kDefaultAllowedIds).
   static TavoServiceOptions FromProperties();
 };
 

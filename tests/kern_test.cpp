@@ -30,7 +30,6 @@
 #include "task/tavo_proc_reader.h"
 #include "tests/support/children.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/pump_object.h"
 #include "tests/support/test_env.h"
 #include "tests/support/tavo_harness.h"
 #include "client/tavo_client.h"
@@ -69,7 +68,6 @@ class Kernel : public ::testing::Test {
   }
 
   void Load(Tavo::Loader::LoaderOptions options = {}) {
-    options.objectDir = tavo_test::BesideExecutable("../bpf");
     ASSERT_EQ(Tavo::Loader::LoadAndPin(options, &report_), 0) << strerror(errno);
   }
   StatusMap& Status() {

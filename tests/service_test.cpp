@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "include/tavo_bpf_service_main.h"
+#include "ipc/ipc_peer_policy.h"
 #include "service/tavo_bpf_service.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/test_env.h"
@@ -65,6 +66,20 @@ TEST(Service, DisabledOnlyByExactlyOne) {
   // A joined thread's /proc entry may outlive the join by a moment.
   EXPECT_TRUE(WaitFor([] { return FindThread("BpfServicePoll") == -1; }));
   SetServiceProperty(kDisable, "0");
+}
+
+// Unset, the allowed ids admit system and shell on a device (SELinux is the
+// gate there) and nobody but root and the own uid on a Linux host.
+TEST(Service, DefaultPeersPerPlatform) {
+#ifdef __ANDROID__
+  constexpr bool kDevice = true;
+#else
+  constexpr bool kDevice = false;
+#endif
+  SetServiceProperty(kAllowedIdsProperty, "");
+  const IpcPeerPolicy policy = IpcPeerPolicy::FromAllowedIds(TavoServiceOptions::FromProperties().hub.allowedIds);
+  const std::pair<uid_t, bool> cases[] = {{0, true}, {1000, kDevice}, {2000, kDevice}, {1001, false}, {10123, false}};
+  for (auto [uid, allowed] : cases) EXPECT_EQ(policy.allows({1, uid, uid, {}}), allowed || uid == geteuid()) << uid;
 }
 
 // The GPL pump needs the loader's maps: Wait() must not start it before

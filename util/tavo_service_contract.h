@@ -43,6 +43,15 @@ inline constexpr const char* kDisableProperty = "persist.sys.stability.bpfframew
 inline constexpr const char* kReadyProperty = "sys.tavo_bpf_ready";
 inline constexpr const char* kKernelVersionProperty = "ro.kernel.version";
 inline constexpr const char* kAllowedIdsProperty = "persist.sys.tavo_bpf.allowed_ids";
+// Who may connect while that property is unset or empty, besides root and
+// the service's own uid (admitted always). On a device: system (1000) and
+// shell (2000), since SELinux already decides which domains reach the
+// socket. On a Linux host: nobody else. A set property replaces this list.
+#ifdef __ANDROID__
+inline constexpr const char* kDefaultAllowedIds = "1000,2000";
+#else
+inline constexpr const char* kDefaultAllowedIds = "";
+#endif
 inline constexpr const char* kMaxConnectionsProperty = "persist.sys.tavo_bpf.max_connections";
 // Opt-in: a kernel newer than the newest line of the attach tables takes
 // the dma-buf rows of the line named here ("6.6").

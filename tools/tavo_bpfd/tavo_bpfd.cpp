@@ -111,6 +111,8 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
   MakeDirs(kDumpParent);
+  Tavo::Loader::MountBpfFs();
+  Tavo::Loader::MountTraceFs();
 
   Tavo::Loader::LoadReport report;
   if (!useExisting && Tavo::Loader::LoadAndPin(options, &report) != 0) {

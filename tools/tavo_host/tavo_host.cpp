@@ -1,4 +1,5 @@
-// Minimal host: loads the library, sets properties, runs the service.
+// Minimal host: loads the library, sets properties, runs the service until
+// SIGINT or SIGTERM.
 //   tavo_host [--prop name=value]...
 #include <signal.h>
 #include <sys/utsname.h>
@@ -27,10 +28,14 @@ int main(int argc, char** argv) {
     utsname uts{};
     if (uname(&uts) == 0) android::base::SetProperty(Tavo::Bpf::kKernelVersionProperty, uts.release);
   }
-  if (Tavo::Bpf::BpfServiceMain() == 0) return 0;
   signal(SIGINT, OnSignal);
   signal(SIGTERM, OnSignal);
+  const bool started = Tavo::Bpf::BpfServiceMain() != 0;
+  // A disabled service still keeps its host until it is told to stop:
+  // init restarts a host that ends, which would only read the property
+  // again and end again.
   while (!gStop) pause();
+  if (!started) return 0;
   auto* service = Tavo::Bpf::TavoBpfService::GetInstance();
   service->stop();
   return service->Wait();

@@ -8,6 +8,7 @@
 #include <bpf/libbpf.h>
 #include <dirent.h>
 #include <errno.h>
+#include <linux/magic.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
@@ -30,7 +31,6 @@ namespace Tavo::Loader {
 namespace {
 
 constexpr const char* kTag = "TavoLoader";
-constexpr unsigned long kBpfFsMagic = 0xcafe4a11;
 
 bool gVerbose = false;
 
@@ -206,6 +206,21 @@ int LoadObject(const ObjectSpec& spec, const LoaderOptions& options, LoadReport*
   return 0;
 }
 
+// Mounts a file system of `type` on `root` unless one of that kind (its
+// statfs magic) is there already; an existing mount is left as it is.
+int MountUnlessThere(const char* root, const char* type, unsigned long magic, unsigned long flags,
+                     const char* data) {
+  struct statfs fs {};
+  if (statfs(root, &fs) == 0 && static_cast<unsigned long>(fs.f_type) == magic) return 0;
+  mkdir(root, 0755);
+  if (mount(type, root, type, flags, data) != 0) {
+    TAVO_LOGE(kTag, "[TavoLoader] mount %s on %s failed: %s", type, root, strerror(errno));
+    return -1;
+  }
+  TAVO_LOGI(kTag, "[TavoLoader] mounted %s on %s", type, root);
+  return 0;
+}
+
 }  // namespace
 
 std::string DefaultObjectDir() {
@@ -222,16 +237,10 @@ std::string DefaultObjectDir() {
   return android::base::GetExecutableDirectory() + "/../bpf";
 }
 
-int MountBpfFs() {
-  struct statfs fs {};
-  if (statfs(kBpfFsRoot, &fs) == 0 && static_cast<unsigned long>(fs.f_type) == kBpfFsMagic) return 0;
-  mkdir(kBpfFsRoot, 0755);
-  if (mount("bpf", kBpfFsRoot, "bpf", 0, "mode=0700") != 0) {
-    TAVO_LOGE(kTag, "[TavoLoader] mount bpffs on %s failed: %s", kBpfFsRoot, strerror(errno));
-    return -1;
-  }
-  TAVO_LOGI(kTag, "[TavoLoader] mounted bpffs on %s", kBpfFsRoot);
-  return 0;
+int MountBpfFs() { return MountUnlessThere(kBpfFsRoot, "bpf", BPF_FS_MAGIC, 0, "mode=0700"); }
+
+int MountTraceFs() {
+  return MountUnlessThere(kTraceFsRoot, "tracefs", TRACEFS_MAGIC, MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr);
 }
 
 int LoadAndPin(const LoaderOptions& options, LoadReport* report) {

@@ -17,6 +17,7 @@ using Tavo::Bpf::kGplObject;
 using Tavo::Bpf::kNormalObject;
 inline constexpr const char* kDefaultPinDir = Tavo::Bpf::kBpfPinDir;
 inline constexpr const char* kBpfFsRoot = "/sys/fs/bpf";
+inline constexpr const char* kTraceFsRoot = "/sys/kernel/tracing";
 
 struct LoaderOptions {
   std::string objectDir;            // holds <object>.bpf.o; empty: the build's own
@@ -40,6 +41,10 @@ struct LoadReport {
 
 // Mounts bpffs at /sys/fs/bpf unless one is there. 0 or -1 with errno.
 int MountBpfFs();
+// Mounts tracefs at /sys/kernel/tracing unless one is there: attaching a
+// tracepoint, or a kprobe where the kernel has no kprobe PMU, goes through
+// it. 0 or -1 with errno.
+int MountTraceFs();
 
 // Loads and pins both objects. Pins left by an earlier run of the same
 // objects are removed first. Programs that the running kernel refuses are

@@ -2,13 +2,17 @@
 //   tavo_loader load [--obj-dir DIR] [--pin-dir DIR] [--ring-bytes N]
 //                    [--gpl-ring-bytes N] [--rss-step BYTES] [--verbose]
 //   tavo_loader unload [--pin-dir DIR]
+// On a device it is the platform's loader for these objects: once both are
+// pinned it sets "sys.tavo_bpf_ready", which the service waits for.
+#include <android-base/properties.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-
 #include "tools/tavo_loader/tavo_bpf_loader.h"
+#include "util/tavo_service_contract.h"
 
 namespace {
 
@@ -47,6 +51,8 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (verb != "load") return Usage();
+  // Loading mounts bpffs itself; the service attaches through tracefs.
+  Tavo::Loader::MountTraceFs();
   Tavo::Loader::LoadReport report;
   if (Tavo::Loader::LoadAndPin(options, &report) != 0) {
     fprintf(stderr, "tavo_loader: load failed: %s\n", strerror(errno));
@@ -54,5 +60,9 @@ int main(int argc, char** argv) {
   }
   for (const std::string& pin : report.pins) printf("pinned %s\n", pin.c_str());
   for (const std::string& prog : report.skipped) printf("skipped %s\n", prog.c_str());
+  if (!android::base::SetProperty(Tavo::Bpf::kReadyProperty, "1")) {
+    fprintf(stderr, "tavo_loader: cannot set %s\n", Tavo::Bpf::kReadyProperty);
+    return 1;
+  }
   return 0;
 }
