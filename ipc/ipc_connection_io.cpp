@@ -200,8 +200,9 @@ int IpcConnectionIo::flush(IpcConnection& connection, const epoll_event& event) 
   // belong to someone else.
   if (!connection.isOpen()) return kIpcCallbackFailed;
   BufferState* send = connection.send();
+  bool quiet = false;
   if (send->cursor != send->length) {
-    if (!sendBuffer(fd, send, kMaxSendTries)) return sendFailed(event, fd);
+    if (!sendBuffer(fd, &connection, send, kMaxSendTries, &quiet)) return sendFailed(event, fd, quiet);
   } else {
     send->cursor = 0;
     send->length = 0;
@@ -212,13 +213,15 @@ int IpcConnectionIo::flush(IpcConnection& connection, const epoll_event& event) 
     return kIpcCallbackFailed;
   }
   if (send->cursor == send->length) return kIpcCallbackPeerClosed;
-  if (!sendBuffer(fd, send, kMaxSendTries)) return sendFailed(event, fd);
+  if (!sendBuffer(fd, &connection, send, kMaxSendTries, &quiet)) return sendFailed(event, fd, quiet);
   return kIpcCallbackOk;
 }
 
-int IpcConnectionIo::sendFailed(const epoll_event& event, int fd) {
+int IpcConnectionIo::sendFailed(const epoll_event& event, int fd, bool quiet) {
   const int err = errno;
-  TAVO_LOGE(tag(), "[UnixIpcManager] Send ipc data failed: %d, message: %s", err, strerror(err));
+  if (!quiet) {
+    TAVO_LOGE(tag(), "[UnixIpcManager] Send ipc data failed: %d, message: %s", err, strerror(err));
+  }
   if (err != EAGAIN && err != EWOULDBLOCK) return kIpcCallbackFailed;
   // The socket is only full: the unsent bytes stay in the buffer and go out
   // when the socket drains, so write readiness must stay on.
@@ -243,6 +246,7 @@ bool IpcConnectionIo::sendQueued(int fd) {
   IpcConnection::Guard guard(*connection);
   BufferState* send = connection->send();
   if (!connection->isOpen() || send == nullptr) return false;
+  bool quiet = false;
   for (;;) {
     if (send->cursor == send->length) {
       send->cursor = 0;
@@ -250,7 +254,7 @@ bool IpcConnectionIo::sendQueued(int fd) {
       if (options_.handlers.write) options_.handlers.write(fd, send);
       if (send->length == 0) return true;
     }
-    if (sendBuffer(fd, send, 0)) continue;
+    if (sendBuffer(fd, connection.get(), send, 0, &quiet)) continue;
     // Full: the loop thread sends the rest when the socket drains. Any
     // other failure is the loop thread's to see and close on.
     const bool full = errno == EAGAIN;
@@ -260,17 +264,37 @@ bool IpcConnectionIo::sendQueued(int fd) {
 }
 
 bool IpcConnectionIo::send(int fd, BufferState* buffer) {
-  return sendBuffer(fd, buffer, kMaxSendTries);
+  bool quiet = false;
+  return sendBuffer(fd, connections_.find(fd).get(), buffer, kMaxSendTries, &quiet);
 }
 
-bool IpcConnectionIo::sendBuffer(int fd, BufferState* buffer, int fullTries) {
+// A connection that stops reading would log a burst of full-socket lines on
+// every wake-up: one burst per interval is logged, and the next one logged
+// says how many were held back meanwhile.
+bool IpcConnectionIo::admitFullBurst(IpcConnection* connection, int fd) {
+  uint64_t skipped = 0;
+  if (connection != nullptr && !connection->admitFullBurst(&skipped)) return false;
+  if (skipped > 0) {
+    TAVO_LOGW(tag(), "[UnixIpcManager] fd(%d): %llu more full-socket bursts not logged", fd,
+              static_cast<unsigned long long>(skipped));
+  }
+  return true;
+}
+
+bool IpcConnectionIo::sendBuffer(int fd, IpcConnection* connection, BufferState* buffer,
+                                 int fullTries, bool* quiet) {
   int tries = 0;
+  bool loud = true;
+  *quiet = false;
   while (buffer->cursor < buffer->length) {
     const ssize_t left = static_cast<ssize_t>(buffer->length - buffer->cursor);
     if (tries >= fullTries && fullTries > 0) {
-      TAVO_LOGE(tag(),
-                "[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: %s, clientFd: %d",
-                left, EAGAIN, strerror(EAGAIN), fd);
+      *quiet = !loud;
+      if (loud) {
+        TAVO_LOGE(tag(),
+                  "[UnixIpcManager] Send data 10 times failed! leftSize: %zd, error: %d, message: %s, clientFd: %d",
+                  left, EAGAIN, strerror(EAGAIN), fd);
+      }
       errno = EAGAIN;
       return false;
     }
@@ -289,9 +313,12 @@ bool IpcConnectionIo::sendBuffer(int fd, BufferState* buffer, int fullTries) {
         errno = EAGAIN;
         return false;
       }
-      ++tries;
-      TAVO_LOGW(tag(), "[UnixIpcManager] Socket buffer full! tryCount: %d, message: %s", tries,
-                strerror(err));
+      // The burst is let through or held back as a whole.
+      if (tries++ == 0) loud = admitFullBurst(connection, fd);
+      if (loud) {
+        TAVO_LOGW(tag(), "[UnixIpcManager] Socket buffer full! tryCount: %d, message: %s", tries,
+                  strerror(err));
+      }
       sched_yield();
       continue;
     }

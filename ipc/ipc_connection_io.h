@@ -42,10 +42,15 @@ class IpcConnectionIo {
   int receive(IpcConnection& connection, bool* closeIt, bool* wantWrite)
       REQUIRES(connection.lock());
   int flush(IpcConnection& connection, const epoll_event& event) REQUIRES(connection.lock());
-  int sendFailed(const epoll_event& event, int fd);
+  int sendFailed(const epoll_event& event, int fd, bool quiet);
   // Sends [cursor, length); a full socket is met by yielding up to
-  // fullTries times, or at once (errno EAGAIN) when fullTries is 0.
-  bool sendBuffer(int fd, BufferState* buffer, int fullTries);
+  // fullTries times, or at once (errno EAGAIN) when fullTries is 0. Its
+  // lines are logged when the connection's limiter lets the burst through
+  // (always without a connection); *quiet is set when the send gave up on a
+  // full socket without logging it.
+  bool sendBuffer(int fd, IpcConnection* connection, BufferState* buffer, int fullTries,
+                  bool* quiet);
+  bool admitFullBurst(IpcConnection* connection, int fd);
   // Logs "Not allocate read/write buffer"; -1.
   int missingBuffer(int fd, bool read);
   // Unregisters, closes and frees the connection, tells the user, then the
