@@ -40,3 +40,12 @@ bool IpcConnection::close() {
   if (socket_.get() < 0) return true;
   return ::close(socket_.release()) == 0;
 }
+
+bool IpcConnection::admitFullBurst(uint64_t* skipped) {
+  if (!fullBursts_.admit()) {
+    ++skippedBursts_;
+    return false;
+  }
+  *skipped = skippedBursts_.exchange(0);
+  return true;
+}

@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "ipc/ipc_buffer_state.h"
+#include "ipc/ipc_log_limiter.h"
 #include "util/tavo_mutex.h"
 
 class IpcConnection {
@@ -55,6 +56,10 @@ class IpcConnection {
   void freeBuffers() REQUIRES(lock_);
   // Closes the descriptor; false with errno when close() failed.
   bool close() REQUIRES(lock_);
+  // Whether a send that met a full socket may log it: one such burst per
+  // interval; the others are counted, and *skipped gets how many were since
+  // the last one logged. Needs no guard.
+  bool admitFullBurst(uint64_t* skipped);
 
  private:
   struct Buffer {
@@ -69,4 +74,6 @@ class IpcConnection {
   android::base::unique_fd socket_ GUARDED_BY(lock_);
   Buffer receive_ GUARDED_BY(lock_);
   Buffer send_ GUARDED_BY(lock_);
+  IpcLogLimiter fullBursts_;
+  std::atomic<uint64_t> skippedBursts_{0};
 };

@@ -107,10 +107,15 @@ bool IpcPackageManager::appendReqIpcPackage(TavoReqIpcPackage* request) {
                        {{request, kFixed}, {request->data, request->dataLength}});
 }
 
-// The whole 24-byte response record, its data pointer included, then its data.
+// The 24-byte response record, then its data. The record's last 8 bytes
+// hold the sender's data pointer; zeros go out in their place, so no heap
+// address leaves the process.
 bool IpcPackageManager::appendRespIpcPackage(TavoRespIpcPackage* response) {
-  return appendCommand(IPC_COMMAND_RESPONSE,
-                       {{response, sizeof(*response)}, {response->data, response->dataLength}});
+  static constexpr char kNoPointer[sizeof(response->data)] = {};
+  constexpr size_t kFixed = offsetof(TavoRespIpcPackage, data);
+  return appendCommand(IPC_COMMAND_RESPONSE, {{response, kFixed},
+                                              {kNoPointer, sizeof(kNoPointer)},
+                                              {response->data, response->dataLength}});
 }
 
 bool IpcPackageManager::writeHead(BufferState* buffer, bool strict) {

@@ -4,63 +4,37 @@
 // Threads and locks: every callback runs on the loop thread. Other threads
 // may call notifyNeedWriteData (takes the epoll manager's lock) and
 // writeDataNow (takes the connection's lock). Locks are taken in the order
-// connection, then connection map or epoll manager; the map and epoll locks
-// are never held while calling out. The user's read and write callbacks run
-// holding their connection's lock, the connection and close callbacks
-// without it. Rule for callbacks: they never flush their own connection;
-// bytes they leave in the send buffer are sent by the manager right after
-// them (writeDataNow on the own connection from inside a callback only asks
-// for write readiness). A user must not call writeDataNow while holding a
-// lock its own read or write callback takes.
+// connection, then the connection map, the listener's or the epoll
+// manager's; those three are never held while calling out. The user's read
+// and write callbacks run holding their connection's lock, the connection
+// and close callbacks without it. Rule for callbacks: they never flush their
+// own connection; bytes they leave in the send buffer are sent by the
+// manager right after them (writeDataNow on the own connection from inside a
+// callback only asks for write readiness). A user must not call writeDataNow
+// while holding a lock its own read or write callback takes.
+//
+// The work is done by internal parts: IpcAcceptor (listener and admission),
+// IpcConnectionIo (receive, flush, close), IpcConnector (client mode) and
+// IpcConnectionTable (the connections and their buffers).
 #pragma once
 
-#include <android-base/unique_fd.h>
-#include <sched.h>
 #include <sys/epoll.h>
 
 #include <atomic>
-#include <map>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "ipc/epoll_manager.h"
 #include "ipc/ipc_buffer_state.h"
-#include "ipc/ipc_connection.h"
 #include "ipc/ipc_handler_state.h"
-#include "ipc/ipc_log_limiter.h"
-#include "ipc/ipc_peer_policy.h"
 #include "ipc/ipc_socket_functions.h"
+#include "ipc/unix_ipc_options.h"
 #include "util/tavo_export.h"
-#include "util/tavo_mutex.h"
 
-struct UnixIpcOptions {
-  bool isServer = true;
-  // Capacity of each connection buffer, and its SO_SNDBUF and SO_RCVBUF.
-  int bufferSize = 32768;
-  std::string path;  // abstract socket name
-  IpcHandlerState handlers;
-  // The loop thread's name and the log tag.
-  std::string name = "BpfUtils";
-  std::optional<cpu_set_t> cpus;  // unset: the constructing thread's
-  int epollSize = 10;
-  int maxEvents = 32;
-  // Server mode. Connections kept at once; a peer past the limit is
-  // accepted and closed at once.
-  size_t maxConnections = 1024;
-  // Who may connect, checked at accept (everyone by default).
-  IpcPeerPolicy peerPolicy;
-  // When accept finds the process (or system) out of descriptors, the
-  // listener is left unwatched this long instead of being retried at once.
-  int acceptBackoffMs = 100;
-};
-
-// What the accept path refused, since the manager was made.
-struct IpcAcceptStats {
-  uint64_t refusedPeers = 0;   // not allowed by the peer policy
-  uint64_t overLimit = 0;      // past maxConnections
-  uint64_t pauses = 0;         // accept back-offs for want of descriptors
-};
+class IpcAcceptor;
+class IpcConnectionIo;
+class IpcConnectionTable;
+class IpcConnector;
 
 class TAVO_EXPORT UnixIpcManager {
  public:
@@ -118,44 +92,15 @@ class TAVO_EXPORT UnixIpcManager {
 
  private:
   const char* tag() const { return options_.name.c_str(); }
-  std::shared_ptr<IpcConnection> find(int fd) const;
-  bool allocate(IpcConnection& connection, bool read) REQUIRES(connection.lock());
-  // A connection with the buffers its handlers need, set up for the socket;
-  // nullptr (logged) when an accepted one cannot get its buffers.
-  std::shared_ptr<IpcConnection> openConnection(android::base::unique_fd fd, bool accepted);
-  bool registerConnection(const std::shared_ptr<IpcConnection>& connection);
-  EpollCallback listenerCallbacks();
-  // Whether an accepted peer may stay: the connection limit, then the peer
-  // policy. A refusal is counted and logged (rate-limited).
-  bool admit(int fd);
-  // Out of descriptors: the listener is unwatched and a timer brings it back.
-  int pauseAccepting(int listener, int err);
-  int onAcceptTimer();
-  void setSocketBuffers(int fd);
-  int receive(IpcConnection& connection, bool* closeIt, bool* wantWrite)
-      REQUIRES(connection.lock());
-  int flush(IpcConnection& connection, const epoll_event& event) REQUIRES(connection.lock());
-  int sendFailed(const epoll_event& event, int fd);
-  // Sends [cursor, length); a full socket is met by yielding up to
-  // fullTries times, or at once (errno EAGAIN) when fullTries is 0.
-  bool sendBuffer(int fd, BufferState* buffer, int fullTries);
-  // Logs "Not allocate read/write buffer"; -1.
-  int missingBuffer(int fd, bool read);
-  // Unregisters, closes and frees the connection, tells the user, and in
-  // client mode connects again. False when closing failed.
-  bool closeConnection(const std::shared_ptr<IpcConnection>& connection, bool fromRead);
 
   const UnixIpcOptions options_;
-  std::unique_ptr<EpollManager> epollManager_;
   std::atomic<int> socketFd_{-1};
-  mutable Tavo::Mutex lock_;
-  android::base::unique_fd listener_ GUARDED_BY(lock_);
-  // Made with the first listener, before descriptors can run out.
-  android::base::unique_fd acceptTimer_ GUARDED_BY(lock_);
-  std::atomic<uint64_t> refusedPeers_{0};
-  std::atomic<uint64_t> overLimit_{0};
-  std::atomic<uint64_t> pauses_{0};
-  IpcLogLimiter refusalWarnings_;
-  IpcLogLimiter limitWarnings_;
-  std::map<int, std::shared_ptr<IpcConnection>> connections_ GUARDED_BY(lock_);
+  std::unique_ptr<EpollManager> epollManager_;
+  // Destroyed from the last: the listener closes before the connections, so
+  // a peer that sees its connection end cannot reconnect to a server that is
+  // going away.
+  std::unique_ptr<IpcConnectionTable> connections_;
+  std::unique_ptr<IpcConnectionIo> io_;
+  std::unique_ptr<IpcConnector> connector_;
+  std::unique_ptr<IpcAcceptor> acceptor_;
 };

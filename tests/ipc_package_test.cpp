@@ -100,9 +100,10 @@ TEST(IpcPackageManagerTest, BuilderLayouts) {
   TestBuffer b(256);
   ASSERT_TRUE(queue.fillIpcPackageToBuffer(&b.state));
   // Request: L = D + 48, inner length D + 40, the 40-byte fixed part as it
-  // stands. Response: L = D + 32, inner D + 24, the whole 24-byte record.
+  // stands. Response: L = D + 32, inner D + 24, the 24-byte record with
+  // zeros for its data pointer.
   const std::string fixed(reinterpret_cast<const char*>(&request), 40);
-  const std::string record(reinterpret_cast<const char*>(&response), 24);
+  const std::string record = std::string(reinterpret_cast<const char*>(&response), 16) + std::string(8, '\0');
   EXPECT_EQ(b.Written(), std::string("\x0b\0\0\0\0\0\0\0\x03\0\0\0\x03\0\0\0abc", 19) +
                              Le<int64_t>(4) + "raw!" +
                              Le<int64_t>(53) + Le(0u) + Le(45u) + fixed + "hello" +
