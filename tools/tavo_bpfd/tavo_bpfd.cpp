@@ -28,20 +28,13 @@
 #include "service/tavo_bpf_service.h"
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 #include "util/tavo_log.h"
+#include "util/tavo_options.h"
 #include "util/tavo_service_contract.h"
 
 namespace {
 
 constexpr const char* kTag = "TavoBpfd";
 constexpr const char* kDumpParent = "/data/tavolog/stability";
-
-int Usage() {
-  fprintf(stderr,
-          "usage: tavo_bpfd [--use-existing-pins] [--keep-pins] [--prop name=value]...\n"
-          "                 [--obj-dir DIR] [--ring-bytes N] [--gpl-ring-bytes N] [--rss-step BYTES]\n"
-          "                 [--attach-report FILE]\n");
-  return 2;
-}
 
 // mkdir -p
 void MakeDirs(const std::string& path) {
@@ -83,24 +76,13 @@ int main(int argc, char** argv) {
   bool useExisting = false;
   bool keepPins = false;
   std::string attachReport;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    const bool hasValue = i + 1 < argc;
-    if (arg == "--use-existing-pins") {
-      useExisting = true;
-    } else if (arg == "--keep-pins") {
-      keepPins = true;
-    } else if (arg == "--attach-report" && hasValue) {
-      attachReport = argv[++i];
-    } else if (arg == "--prop" && hasValue) {
-      const std::string prop = argv[++i];
-      const size_t eq = prop.find('=');
-      if (eq == std::string::npos || eq == 0) return Usage();
-      android::base::SetProperty(prop.substr(0, eq), prop.substr(eq + 1));
-    } else if (!Tavo::Loader::ParseObjectOption(argc, argv, &i, &options)) {
-      return Usage();
-    }
-  }
+  Tavo::Bpf::TavoOptions parser("tavo_bpfd", "[OPTION]...");
+  parser.Flag("--use-existing-pins", &useExisting, "run on the pins a loader made; load nothing")
+      .Flag("--keep-pins", &keepPins, "leave the pins made here when stopping")
+      .Text("--attach-report", &attachReport, "FILE", "write what became of each attach-table row")
+      .Properties();
+  Tavo::Loader::AddObjectOptions(&parser, &options);
+  if (const int status = parser.ParseOrStatus(argc, argv); status >= 0) return status;
 
   // Every thread the service starts inherits this mask, so only the
   // watcher below ever sees SIGINT and SIGTERM.

@@ -275,24 +275,11 @@ int UnloadAll(const std::string& pinDir) {
   return a + (b < 0 ? 0 : b);
 }
 
-bool ParseObjectOption(int argc, char** argv, int* i, LoaderOptions* options) {
-  const std::string arg = argv[*i];
-  if (*i + 1 >= argc) return false;
-  const char* value = argv[*i + 1];
-  unsigned long long n = 0;
-  if (arg == "--obj-dir") {
-    options->objectDir = value;
-  } else if (arg == "--ring-bytes" && android::base::ParseUint(value, &n, 0xffffffffull)) {
-    options->normalRingBytes = static_cast<uint32_t>(n);
-  } else if (arg == "--gpl-ring-bytes" && android::base::ParseUint(value, &n, 0xffffffffull)) {
-    options->gplRingBytes = static_cast<uint32_t>(n);
-  } else if (arg == "--rss-step" && android::base::ParseUint(value, &n, 0x7fffffffffffffffull)) {
-    options->rssStepBytes = static_cast<int64_t>(n);
-  } else {
-    return false;
-  }
-  ++*i;
-  return true;
+void AddObjectOptions(Tavo::Bpf::TavoOptions* parser, LoaderOptions* options) {
+  parser->Text("--obj-dir", &options->objectDir, "DIR", "where the BPF objects are (default: beside the program)")
+      .Number("--ring-bytes", &options->normalRingBytes, "N", "the normal object's ring size")
+      .Number("--gpl-ring-bytes", &options->gplRingBytes, "N", "the GPL object's ring size")
+      .Number("--rss-step", &options->rssStepBytes, "BYTES", "rss_stat change that makes a record", int64_t{1});
 }
 
 }  // namespace Tavo::Loader

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "util/tavo_options.h"
+
 #include "bpf/tavo_bpf_pins.h"
 
 namespace Tavo::Loader {
@@ -28,11 +30,10 @@ struct LoaderOptions {
   bool verbose = false;             // pass libbpf's messages (verifier logs) through
 };
 
-// Consumes one of the object options shared by the loader command and the
-// daemon (--obj-dir DIR, --ring-bytes N, --gpl-ring-bytes N, --rss-step N)
-// at argv[*i], advancing *i past its value. False when argv[*i] is none of
-// them or its value is missing or malformed.
-bool ParseObjectOption(int argc, char** argv, int* i, LoaderOptions* options);
+// Declares the options that place and size the objects, shared by the
+// loader and the daemon: --obj-dir DIR, --ring-bytes N, --gpl-ring-bytes N,
+// --rss-step BYTES.
+void AddObjectOptions(Tavo::Bpf::TavoOptions* parser, LoaderOptions* options);
 
 struct LoadReport {
   std::vector<std::string> pins;     // every path pinned, programs and maps

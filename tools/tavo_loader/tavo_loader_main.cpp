@@ -10,37 +10,25 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "tools/tavo_loader/tavo_bpf_loader.h"
 #include "util/tavo_service_contract.h"
 
-namespace {
-
-int Usage() {
-  fprintf(stderr,
-          "usage: tavo_loader load [--obj-dir DIR] [--pin-dir DIR] [--ring-bytes N]\n"
-          "                        [--gpl-ring-bytes N] [--rss-step BYTES] [--verbose]\n"
-          "       tavo_loader unload [--pin-dir DIR]\n");
-  return 2;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
-  if (argc < 2) return Usage();
-  const std::string verb = argv[1];
   Tavo::Loader::LoaderOptions options;
-  for (int i = 2; i < argc; ++i) {
-    const std::string arg = argv[i];
-    const bool hasValue = i + 1 < argc;
-    if (arg == "--verbose") {
-      options.verbose = true;
-    } else if (arg == "--pin-dir" && hasValue) {
-      options.pinDir = argv[++i];
-    } else if (!Tavo::Loader::ParseObjectOption(argc, argv, &i, &options)) {
-      return Usage();
-    }
+  Tavo::Bpf::TavoOptions parser("tavo_loader", "load|unload [OPTION]...");
+  parser.Text("--pin-dir", &options.pinDir, "DIR", "where the pins go (default /sys/fs/bpf/tavo/)")
+      .Flag("--verbose", &options.verbose, "pass libbpf's messages (verifier logs) through");
+  Tavo::Loader::AddObjectOptions(&parser, &options);
+  std::vector<std::string> verbs;
+  parser.Positionals(&verbs);
+  if (const int status = parser.ParseOrStatus(argc, argv); status >= 0) return status;
+  if (verbs.size() != 1 || (verbs[0] != "load" && verbs[0] != "unload")) {
+    parser.PrintUsage(stderr);
+    return 2;
   }
+  const std::string& verb = verbs[0];
   if (verb == "unload") {
     const int removed = Tavo::Loader::UnloadAll(options.pinDir);
     if (removed < 0) {
@@ -50,7 +38,6 @@ int main(int argc, char** argv) {
     printf("removed %d pins\n", removed);
     return 0;
   }
-  if (verb != "load") return Usage();
   // Loading mounts bpffs itself; the service attaches through tracefs.
   Tavo::Loader::MountTraceFs();
   Tavo::Loader::LoadReport report;
