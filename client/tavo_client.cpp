@@ -8,6 +8,7 @@
 
 #include <android-base/unique_fd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -31,6 +32,9 @@ using Tavo::Bpf::kReplyRecordLength;
 using Tavo::Bpf::kRequestCommandOffset;
 using Tavo::Bpf::kRequestCommandWidth;
 using Tavo::Bpf::kUnregisterEventMonitor;
+
+// First wait for a reply before the request is sent again.
+constexpr std::chrono::milliseconds kFirstResendWait{250};
 
 }  // namespace
 
@@ -169,33 +173,52 @@ int TavoClient::request(const char* command, uint32_t code) {
     int result = 0;
   };
   auto waiter = std::make_shared<Waiter>();
-  const uint32_t reqId = requests_.getReqId();
-  requests_.addIpcReqCallBack(reqId, [waiter](uint32_t, int result, char*, uint32_t) {
+  const IpcReqCallBack answered = [waiter](uint32_t, int result, char*, uint32_t) {
     std::lock_guard<std::mutex> guard(waiter->lock);
+    if (!waiter->done) waiter->result = result;
     waiter->done = true;
-    waiter->result = result;
     waiter->cond.notify_all();
     return 0;
-  });
-  if (!queueRequest(command, code, reqId)) {
-    requests_.delIpcReq(reqId);
-    errno = ENOMEM;
-    return -1;
-  }
-  flush();
-  std::unique_lock<std::mutex> guard(waiter->lock);
-  waiter->cond.wait_for(guard, std::chrono::milliseconds(options_.requestTimeoutMs),
-                        [&] { return waiter->done; });
-  if (!waiter->done) {
-    guard.unlock();
-    // The response callback runs under the manager's lock, so once this
-    // returns it has either run completely or never will.
-    requests_.delIpcReq(reqId);
-    guard.lock();
-    if (!waiter->done) {
-      errno = connected_ ? ETIMEDOUT : ENOTCONN;
-      return -1;
+  };
+  // A service with no room for a reply drops it, though the request took
+  // effect; (un)subscribing twice changes nothing, so an unanswered request
+  // is sent again, each time with a fresh id and a wait twice as long. Every
+  // id stays answerable until the end: the first reply to any of them counts.
+  using Clock = std::chrono::steady_clock;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(options_.requestTimeoutMs);
+  auto wait = kFirstResendWait;
+  std::vector<uint32_t> sent;
+  for (;;) {
+    // Not connected: what is queued goes out with the connection.
+    if (sent.empty() || connected_) {
+      const uint32_t reqId = requests_.getReqId();
+      requests_.addIpcReqCallBack(reqId, answered);
+      if (queueRequest(command, code, reqId)) {
+        sent.push_back(reqId);
+        flush();
+      } else {
+        requests_.delIpcReq(reqId);
+        if (sent.empty()) {
+          errno = ENOMEM;
+          return -1;
+        }
+      }
     }
+    const auto until = std::min(Clock::now() + wait, deadline);
+    {
+      std::unique_lock<std::mutex> guard(waiter->lock);
+      if (waiter->cond.wait_until(guard, until, [&] { return waiter->done; })) break;
+    }
+    if (until == deadline) break;
+    wait *= 2;
+  }
+  // A response callback runs under the manager's lock, so once the ids are
+  // gone it has either run completely or never will.
+  for (uint32_t reqId : sent) requests_.delIpcReq(reqId);
+  std::lock_guard<std::mutex> guard(waiter->lock);
+  if (!waiter->done) {
+    errno = connected_ ? ETIMEDOUT : ENOTCONN;
+    return -1;
   }
   if (waiter->result != 0) {
     errno = EPROTO;

@@ -47,6 +47,7 @@ class TavoClient {
     // Connect() returns at once with -1 when the service is not listening,
     // unless this is set: then the socket layer keeps trying every 5 s.
     bool waitForService = false;
+    // How long Subscribe() and Unsubscribe() wait for a reply, resends included.
     int requestTimeoutMs = 3000;
     // Receive/send buffer and socket buffer size; frames from the service
     // are at most 32 KiB, a larger buffer means fewer reads under load.
@@ -66,7 +67,9 @@ class TavoClient {
   // 0, or -1 with errno (ECONNREFUSED/ENOENT when nobody listens, EALREADY).
   int Connect();
   // Sends the request and waits for the answer: 0 accepted, -1 with errno
-  // EPROTO (refused by the service), ETIMEDOUT, ENOTCONN or ENOMEM.
+  // EPROTO (refused by the service), ETIMEDOUT, ENOTCONN or ENOMEM. The
+  // service drops a reply it has no room for, so an unanswered request is
+  // sent again (after 250 ms, then waits doubling) within requestTimeoutMs.
   int Subscribe(uint32_t code);
   int Unsubscribe(uint32_t code);
   // Stops the socket thread; no callback runs after it returns.

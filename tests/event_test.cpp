@@ -2,8 +2,12 @@
 // the client library on the other end.
 #include <gtest/gtest.h>
 
+#include <android-base/scopeguard.h>
+
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <future>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -207,4 +211,46 @@ TEST(ClientHub, ClientsGetTheirEventsInOrderUntilTheyLeave) {
   client.Close();
   EXPECT_TRUE(tavo_test::WaitFor([&] { return hub.events().ClientCount() == 0; }));
   EXPECT_TRUE(hub.events().GetEventObservers(TAVO_NOTICE_PROCESS_START).empty());
+}
+
+TEST(ClientHub, ASubscriptionWhoseReplyFoundNoRoomIsAnsweredWhenSentAgain) {
+  tavo_test::LogCapture log;
+  TavoClientHubOptions options;
+  options.socketPath = tavo_test::UniqueName("tavo_hub");
+  TavoClientHub hub(options);
+  hub.Start();
+  ASSERT_TRUE(tavo_test::WaitFor([&] { return hub.Listening(); }));
+  Tavo::Client::TavoClient::Options clientOptions;
+  clientOptions.socketPath = options.socketPath;
+  // Small reads: the hub's full socket takes nothing more before the
+  // client's request is there.
+  clientOptions.bufferSize = 4096;
+  // The first event holds the client's socket thread: nothing more is read
+  // and the request for B waits unsent.
+  std::promise<void> go;
+  std::shared_future<void> released = go.get_future().share();
+  std::atomic<bool> held{false};
+  Tavo::Client::TavoClient client(nullptr, clientOptions);
+  client.SetRawCallback([&](const char*, size_t) { held = true; released.wait(); });
+  ASSERT_EQ(client.Connect(), 0);
+  ASSERT_EQ(client.Subscribe(TAVO_EVENT_SCHED_TASK_CREATE), 0);
+  // Bare codes: 20-byte frames leave less room than a reply takes.
+  const uint32_t a = TAVO_EVENT_SCHED_TASK_CREATE;
+  auto flood = [&] { hub.AppendEvent(reinterpret_cast<const char*>(&a), sizeof(a)); };
+  int result = -1;
+  std::thread subscriber;
+  {
+    auto release = android::base::make_scope_guard([&] { go.set_value(); });
+    flood();
+    ASSERT_TRUE(tavo_test::WaitFor([&] { return held.load(); }));
+    subscriber = std::thread([&] { result = client.Subscribe(TAVO_NOTICE_PROCESS_START); });
+    // One batch, sent from here: whole send buffers until the socket is
+    // full, the last one left in the send buffer, the queue full behind it.
+    hub.events().BeginBatch();
+    while (log.Count("queue full") == 0) flood();
+    hub.events().EndBatch();
+  }
+  subscriber.join();
+  EXPECT_EQ(result, 0);
+  EXPECT_GE(log.Count("Send data size too big! ", ANDROID_LOG_ERROR), 1);
 }
