@@ -33,7 +33,7 @@
 #include "tests/support/test_env.h"
 #include "tests/support/tavo_harness.h"
 #include "client/tavo_client.h"
-#include "tools/tavo_loader/tavo_bpf_loader.h"
+#include "bpf/loader/tavo_bpf_loader.h"
 #include "tools/tavo_vmcheck/tavo_spinning_pair.h"
 #include "util/tavo_time.h"
 #include "util/tavo_properties.h"

@@ -26,7 +26,7 @@
 
 #include "include/tavo_bpf_service_main.h"
 #include "service/tavo_bpf_service.h"
-#include "tools/tavo_loader/tavo_bpf_loader.h"
+#include "bpf/loader/tavo_bpf_loader.h"
 #include "util/tavo_log.h"
 #include "util/tavo_options.h"
 #include "util/tavo_service_contract.h"

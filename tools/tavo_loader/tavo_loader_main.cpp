@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/tavo_loader/tavo_bpf_loader.h"
+#include "bpf/loader/tavo_bpf_loader.h"
 #include "util/tavo_service_contract.h"
 
 int main(int argc, char** argv) {

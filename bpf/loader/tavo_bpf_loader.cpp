@@ -1,7 +1,7 @@
 #include <android-base/file.h>
 #include <android-base/parseint.h>
 
-#include "tools/tavo_loader/tavo_bpf_loader.h"
+#include "bpf/loader/tavo_bpf_loader.h"
 
 #include <bpf/bpf.h>
 #include <bpf/btf.h>
