@@ -238,6 +238,7 @@ void TavoProcReader::ParseStatus(const char* begin, const char* end, TavoProcFac
 // (field 3), so field N is word N - 3. Threads are field 20, the start time
 // field 22, user and system time fields 14 and 15.
 void TavoProcReader::ParseStat(const char* begin, const char* end, TavoProcFacts* facts) {
+  if (begin == end) return;
   const char* nl = static_cast<const char*>(memchr(begin, '\n', static_cast<size_t>(end - begin)));
   if (nl != nullptr) end = nl;
   const char* close = nullptr;
